@@ -1,0 +1,128 @@
+// One receive worker: a non-blocking dual-stack UDP socket that shares the
+// receiver's port through SO_REUSEPORT, a thread that pulls datagrams in
+// batches with recvmmsg, and the table of exporter sessions seen by it.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "ipfix/session_key.h"
+
+namespace dtl::ipfix {
+
+class IpfixSession;
+class IpfixSessionSink;
+
+class IpfixRecvWorker {
+ public:
+  struct Config {
+    uint16_t port = 4739;
+    uint64_t max_sessions = 256;
+    uint64_t recv_buffer_size = 33554432;
+    uint32_t busy_poll_us = 80;
+    uint32_t backoff_min_us = 20;
+    uint32_t backoff_max_us = 100;
+    std::string bind_device;
+    uint32_t session_timeout_sec = 300;
+  };
+
+  struct Stats {
+    uint64_t packets_received = 0;
+    uint64_t parsed = 0;
+    uint64_t errors = 0;
+    uint64_t bytes = 0;
+    uint64_t batches = 0;
+    uint64_t sessions = 0;
+  };
+
+  static constexpr size_t kBatchSize = 256;
+  // A slot is the datagram data followed by room for the sender's address.
+  static constexpr size_t kSlotDataSize = 65536;
+  static constexpr size_t kSlotSize = 65600;
+  static constexpr size_t kMaxDatagram = 65535;
+
+  // sink may be null: sessions then decode without storing anything.
+  IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink);
+  ~IpfixRecvWorker();
+
+  IpfixRecvWorker(const IpfixRecvWorker&) = delete;
+  IpfixRecvWorker& operator=(const IpfixRecvWorker&) = delete;
+
+  // Creates, configures and binds the socket and wires the receive headers
+  // to the slots. False (socket closed) on any fatal setup failure.
+  bool OpenSocket();
+  // Starts the receive thread once; a second call does nothing.
+  void Start();
+  // Stops further reads on the socket before the thread is joined.
+  void ShutdownSocket();
+  // Clears the running flag and joins the receive thread.
+  void Stop();
+  // After Stop: tells the sink that every session goes away, then drops them.
+  void Drain();
+  void CloseSocket();
+  Stats GetStats() const;
+
+  // Body of the receive thread.
+  void ReceiveLoop();
+  // One datagram: header check, session lookup and the walk over its sets.
+  // Only the receive thread calls it while the worker runs.
+  void ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from);
+  // The session of key, created when new (after reaping stale sessions);
+  // null when the table is full. now is the message's export time.
+  IpfixSession* FindOrCreateSession(const SessionKey& key, uint32_t now);
+
+  size_t index() const { return index_; }
+  // The socket descriptor, -1 when closed (for diagnostics).
+  int socket_fd() const { return fd_; }
+
+ private:
+  struct FreeDeleter {
+    void operator()(void* p) const noexcept { std::free(p); }
+  };
+
+  // Deliberately not noexcept: libstdc++ then keeps each node's hash code,
+  // so rehashing never recomputes FNV over the keys.
+  struct CachedSessionKeyHash {
+    size_t operator()(const SessionKey& key) const { return SessionKeyHash{}(key); }
+  };
+
+  using SessionTable =
+      std::unordered_map<SessionKey, std::unique_ptr<IpfixSession>, CachedSessionKeyHash>;
+
+  uint8_t* SlotData(size_t i) const { return slots_.get() + i * kSlotSize; }
+  sockaddr_in6* SlotAddress(size_t i) const {
+    return reinterpret_cast<sockaddr_in6*>(SlotData(i) + kSlotDataSize);
+  }
+  void SleepMicros(uint32_t micros) const;
+
+  size_t index_;
+  Config config_;
+  IpfixSessionSink* sink_;
+  int fd_ = -1;
+  std::thread thread_;
+  std::atomic<bool> running_{false};
+  std::unique_ptr<uint8_t, FreeDeleter> slots_;
+  std::array<mmsghdr, kBatchSize> headers_{};
+  std::array<iovec, kBatchSize> iovecs_{};
+  int last_filled_ = static_cast<int>(kBatchSize);
+  SessionTable sessions_;
+  std::atomic<uint64_t> sessions_count_{0};
+  std::atomic<uint64_t> packets_received_{0};
+  std::atomic<uint64_t> parsed_{0};
+  std::atomic<uint64_t> errors_{0};
+  std::atomic<uint64_t> bytes_{0};
+  std::atomic<uint64_t> batches_{0};
+};
+
+}  // namespace dtl::ipfix

@@ -1,0 +1,42 @@
+// What the receive path hands decoded data to. The disk writer is the
+// production implementation; tests plug in recorders. Every call carries the
+// worker index so an implementation can keep per-worker state without locks.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ipfix/schema_snapshot.h"
+
+namespace dtl::ipfix {
+
+class IpfixSessionSink {
+ public:
+  virtual ~IpfixSessionSink() = default;
+
+  virtual void Start() = 0;
+  virtual void Stop() = 0;
+
+  // Data root; sessions hand nothing to a sink whose root is empty.
+  virtual const std::string& root() const = 0;
+
+  // A session's schema became complete or changed. Called from the worker's
+  // thread; the snapshot is only borrowed for the call.
+  virtual void ProcessSchemaUpdate(size_t worker_id, const std::string& key,
+                                   const std::string& display_name, uint32_t domain_id,
+                                   const SchemaSnapshot& snapshot) = 0;
+
+  // Memory for one sample's values (values_size bytes), or null when the
+  // sample is to be dropped. Asking again before a commit returns the same
+  // block: an abandoned sample is simply never committed.
+  virtual uint8_t* AcquireRecordValueSlot(size_t worker_id, const std::string& key,
+                                          uint32_t time_sec, uint32_t time_nsec,
+                                          uint64_t values_size) = 0;
+  virtual void CommitRecord(size_t worker_id, const std::string& key, uint64_t values_size) = 0;
+
+  // The session is going away: flush and forget it.
+  virtual void RemoveSession(size_t worker_id, const std::string& key) = 0;
+};
+
+}  // namespace dtl::ipfix
