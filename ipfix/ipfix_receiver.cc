@@ -1,0 +1,186 @@
+#include "ipfix/ipfix_receiver.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <time.h>
+
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "dtl_logger.h"
+
+namespace dtl::ipfix {
+
+namespace {
+
+IpfixRecvWorker::Stats SumStats(const std::vector<std::unique_ptr<IpfixRecvWorker>>& workers) {
+  IpfixRecvWorker::Stats total;
+  for (const auto& worker : workers) {
+    const IpfixRecvWorker::Stats stats = worker->GetStats();
+    total.packets_received += stats.packets_received;
+    total.parsed += stats.parsed;
+    total.errors += stats.errors;
+    total.bytes += stats.bytes;
+    total.batches += stats.batches;
+    total.sessions += stats.sessions;
+  }
+  return total;
+}
+
+void SleepTenthOfSecond() {
+  timespec request{0, 100000000};
+  timespec remaining{};
+  while (nanosleep(&request, &remaining) != 0 && errno == EINTR) request = remaining;
+}
+
+}  // namespace
+
+IpfixReceiver::IpfixReceiver(const Config& config) : config_(config) {
+  // The disk writer is built here when config_.disk.root is not empty.
+}
+
+IpfixReceiver::IpfixReceiver(const Config& config, std::unique_ptr<IpfixSessionSink> sink)
+    : config_(config), sink_(std::move(sink)) {}
+
+IpfixReceiver::~IpfixReceiver() { Stop(); }
+
+void IpfixReceiver::Start() {
+  if (running_.exchange(true)) {
+    DTL_LOG_WARNING("[IPFIX receiver] Receiver already running");
+    return;
+  }
+  const size_t count = config_.workers == 0 ? 1 : static_cast<size_t>(config_.workers);
+  DTL_LOG_INFO("[IPFIX receiver] Starting IPFIX receiver on UDP port %u with %zu worker(s)",
+               static_cast<unsigned>(config_.port), count);
+
+  if (sink_) sink_->Start();
+
+  IpfixRecvWorker::Config worker_config;
+  worker_config.port = config_.port;
+  worker_config.max_sessions = config_.max_sessions;
+  worker_config.recv_buffer_size = config_.recv_buffer_size;
+  worker_config.busy_poll_us = config_.busy_poll_us;
+  worker_config.backoff_min_us = config_.backoff_min_us;
+  worker_config.backoff_max_us = config_.backoff_max_us;
+  worker_config.bind_device = config_.bind_device;
+  worker_config.session_timeout_sec = config_.session_timeout_sec;
+  // Socket buffer sizes are ints; a larger setting is cut to INT_MAX here so
+  // that every worker uses (and reports) the value the kernel is given.
+  if (worker_config.recv_buffer_size > static_cast<uint64_t>(INT_MAX)) {
+    DTL_LOG_WARNING("[IPFIX receiver] recv_buffer_size %lu exceeds the socket limit, using %d",
+                    static_cast<unsigned long>(config_.recv_buffer_size), INT_MAX);
+    worker_config.recv_buffer_size = static_cast<uint64_t>(INT_MAX);
+  }
+
+  workers_.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    auto worker = std::make_unique<IpfixRecvWorker>(i, worker_config, sink_.get());
+    if (worker->OpenSocket()) {
+      workers_.push_back(std::move(worker));
+      continue;
+    }
+    DTL_LOG_ERROR("[IPFIX receiver] Failed to open socket for worker %zu — aborting start", i);
+    for (auto& opened : workers_) opened->CloseSocket();
+    workers_.clear();
+    if (sink_) sink_->Stop();
+    running_.store(false);
+    return;
+  }
+
+  for (auto& worker : workers_) worker->Start();
+
+  stats_thread_ = std::thread([this]() {
+    dtl_set_thread_name("ipfix_stats");
+    try {
+      StatsLoggerLoop();
+    } catch (const std::exception& e) {
+      DTL_LOG_ERROR("[IPFIX receiver] Stats logger thread exception: %s", e.what());
+    }
+  });
+
+  DTL_LOG_INFO("[IPFIX receiver] IPFIX receiver started (%zu workers)", workers_.size());
+}
+
+void IpfixReceiver::Stop() {
+  if (!running_.exchange(false)) return;
+  DTL_LOG_INFO("[IPFIX receiver] Stopping IPFIX receiver (%zu workers)", workers_.size());
+
+  if (stats_thread_.joinable()) stats_thread_.join();
+
+  // Each pass covers all workers before the next one starts, so no socket
+  // is still read while another worker's sessions are already drained.
+  for (auto& worker : workers_) worker->ShutdownSocket();
+  for (auto& worker : workers_) worker->Stop();
+  for (auto& worker : workers_) worker->Drain();
+  for (auto& worker : workers_) worker->CloseSocket();
+
+  const IpfixRecvWorker::Stats total = SumStats(workers_);
+  DTL_LOG_INFO("[IPFIX receiver] final stats: packets_received=%lu parsed=%lu errors=%lu bytes=%lu sessions=%zu",
+               static_cast<unsigned long>(total.packets_received),
+               static_cast<unsigned long>(total.parsed), static_cast<unsigned long>(total.errors),
+               static_cast<unsigned long>(total.bytes), static_cast<size_t>(total.sessions));
+
+  workers_.clear();
+  if (sink_) sink_->Stop();
+  DTL_LOG_INFO("[IPFIX receiver] IPFIX receiver stopped");
+}
+
+IpfixRecvWorker::Stats IpfixReceiver::GetStats() const { return SumStats(workers_); }
+
+void IpfixReceiver::StatsLoggerLoop() {
+  constexpr auto kInterval = std::chrono::seconds(10);
+  auto next = std::chrono::steady_clock::now() + kInterval;
+  while (running_.load()) {
+    SleepTenthOfSecond();
+    if (std::chrono::steady_clock::now() < next) continue;
+    if (!running_.load()) return;
+    const IpfixRecvWorker::Stats total = SumStats(workers_);
+    DTL_LOG_INFO("[IPFIX receiver] stats: workers=%zu packets_received=%lu parsed=%lu errors=%lu bytes=%lu batches=%lu sessions=%zu",
+                 workers_.size(), static_cast<unsigned long>(total.packets_received),
+                 static_cast<unsigned long>(total.parsed), static_cast<unsigned long>(total.errors),
+                 static_cast<unsigned long>(total.bytes), static_cast<unsigned long>(total.batches),
+                 static_cast<size_t>(total.sessions));
+    // From the previous deadline, so the lines keep a steady 10 s rhythm.
+    next += kInterval;
+  }
+}
+
+SessionKey IpfixReceiver::MakeSessionKey(const sockaddr_in6& from, uint32_t observation_domain_id) {
+  SessionKey key;
+  std::memcpy(key.bytes, &from.sin6_port, 2);
+  std::memcpy(key.bytes + 2, &observation_domain_id, 4);
+  const uint8_t* address = from.sin6_addr.s6_addr;
+  static constexpr uint8_t kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  if (std::memcmp(address, kMappedPrefix, sizeof(kMappedPrefix)) == 0) {
+    std::memcpy(key.bytes + 6, address + 12, 4);
+    key.length = SessionKey::kIpv4Length;
+  } else {
+    std::memcpy(key.bytes + 6, address, 16);
+    key.length = SessionKey::kIpv6Length;
+  }
+  return key;
+}
+
+std::string IpfixReceiver::SessionKeyIpString(const SessionKey& key) {
+  char text[46] = {};
+  const int family = key.length == SessionKey::kIpv4Length ? AF_INET : AF_INET6;
+  if (inet_ntop(family, key.bytes + 6, text, sizeof(text)) == nullptr) return std::string();
+  return std::string(text);
+}
+
+uint16_t IpfixReceiver::SessionKeyPort(const SessionKey& key) {
+  uint16_t port;
+  std::memcpy(&port, key.bytes, 2);
+  return ntohs(port);
+}
+
+uint32_t IpfixReceiver::SessionKeyDomainId(const SessionKey& key) {
+  uint32_t domain;
+  std::memcpy(&domain, key.bytes + 2, 4);
+  return domain;
+}
+
+}  // namespace dtl::ipfix

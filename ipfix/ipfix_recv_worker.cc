@@ -1,0 +1,314 @@
+#include "ipfix/ipfix_recv_worker.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <vector>
+
+#include "dtl_logger.h"
+#include "ipfix/ipfix_receiver.h"
+#include "ipfix/ipfix_session.h"
+#include "ipfix/ipfix_session_sink.h"
+#include "ipfix/message_parser.h"
+
+namespace dtl::ipfix {
+
+namespace {
+
+uint16_t ReadU16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
+
+constexpr socklen_t kAddressLength = sizeof(sockaddr_in6);
+static_assert(kAddressLength == 28);
+static_assert(sizeof(sockaddr_in6) <= IpfixRecvWorker::kSlotSize - IpfixRecvWorker::kSlotDataSize);
+
+// The socket layer takes int option values; larger settings are cut to
+// INT_MAX (the receiver warns about that once per start).
+int ClampToInt(uint64_t value) {
+  return static_cast<int>(std::min<uint64_t>(value, static_cast<uint64_t>(INT_MAX)));
+}
+
+}  // namespace
+
+IpfixRecvWorker::IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink)
+    : index_(index), config_(config), sink_(sink) {
+  constexpr size_t kBytes = kBatchSize * kSlotSize;
+  static_assert(kBytes % 64 == 0);
+  slots_.reset(static_cast<uint8_t*>(std::aligned_alloc(64, kBytes)));
+  if (!slots_) throw std::bad_alloc();
+  std::memset(slots_.get(), 0, kBytes);
+}
+
+IpfixRecvWorker::~IpfixRecvWorker() {
+  Stop();
+  CloseSocket();
+  // The sink is not told here: a receiver that stops cleanly drains first.
+  sessions_.clear();
+}
+
+bool IpfixRecvWorker::OpenSocket() {
+  fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+  if (fd_ < 0) {
+    DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] socket(): %s", index_, strerror(errno));
+    fd_ = -1;
+    return false;
+  }
+  auto fail = [this]() {
+    close(fd_);
+    fd_ = -1;
+    return false;
+  };
+
+  int one = 1;
+  if (setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) != 0)
+    DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] setsockopt SO_REUSEADDR: %s", index_,
+                    strerror(errno));
+  if (setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0) {
+    DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] setsockopt SO_REUSEPORT failed: %s", index_,
+                  strerror(errno));
+    return fail();
+  }
+  // Dual stack: IPv4 exporters arrive as IPv4-mapped IPv6 addresses.
+  int zero = 0;
+  if (setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof(zero)) != 0)
+    DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] setsockopt IPV6_V6ONLY: %s", index_,
+                    strerror(errno));
+
+  if (!config_.bind_device.empty()) {
+    if (setsockopt(fd_, SOL_SOCKET, SO_BINDTODEVICE, config_.bind_device.data(),
+                   static_cast<socklen_t>(config_.bind_device.size())) != 0) {
+      DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] SO_BINDTODEVICE('%s') failed: %s", index_,
+                    config_.bind_device.c_str(), strerror(errno));
+      return fail();
+    }
+    DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] Socket bound to device '%s'", index_,
+                 config_.bind_device.c_str());
+  }
+
+  // SO_RCVBUFFORCE passes the limit of net.core.rmem_max when privileged.
+  const int rcvbuf = ClampToInt(config_.recv_buffer_size);
+  if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf)) != 0 &&
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf)) != 0)
+    DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] setsockopt SO_RCVBUF: %s", index_,
+                    strerror(errno));
+
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_any;
+  address.sin6_port = htons(config_.port);
+  if (bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] bind() port=%u failed: %s", index_,
+                  static_cast<unsigned>(config_.port), strerror(errno));
+    return fail();
+  }
+  DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] Bound to UDP port %u (dev='%s', dual-stack), recv_buffer=%zu",
+               index_, static_cast<unsigned>(config_.port),
+               config_.bind_device.empty() ? "default" : config_.bind_device.c_str(),
+               static_cast<size_t>(config_.recv_buffer_size));
+
+  if (config_.busy_poll_us != 0) {
+    const int busy_poll = ClampToInt(config_.busy_poll_us);
+    if (setsockopt(fd_, SOL_SOCKET, SO_BUSY_POLL, &busy_poll, sizeof(busy_poll)) != 0)
+      DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] SO_BUSY_POLL: %s", index_, strerror(errno));
+    else
+      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] SO_BUSY_POLL=%u µs", index_, config_.busy_poll_us);
+    if (setsockopt(fd_, SOL_SOCKET, SO_PREFER_BUSY_POLL, &one, sizeof(one)) != 0)
+      DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] SO_PREFER_BUSY_POLL: %s", index_,
+                      strerror(errno));
+  }
+
+  // One slot per header: 65,535 data bytes (the largest UDP payload), the
+  // sender's address in the slot's tail.
+  for (size_t i = 0; i < kBatchSize; ++i) {
+    iovecs_[i].iov_base = SlotData(i);
+    iovecs_[i].iov_len = kMaxDatagram;
+    std::memset(&headers_[i], 0, sizeof(headers_[i]));
+    headers_[i].msg_hdr.msg_name = SlotAddress(i);
+    headers_[i].msg_hdr.msg_namelen = kAddressLength;
+    headers_[i].msg_hdr.msg_iov = &iovecs_[i];
+    headers_[i].msg_hdr.msg_iovlen = 1;
+  }
+  last_filled_ = static_cast<int>(kBatchSize);
+  return true;
+}
+
+void IpfixRecvWorker::Start() {
+  if (running_.exchange(true)) return;
+  thread_ = std::thread([this]() {
+    try {
+      ReceiveLoop();
+      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] recv thread exiting normally", index_);
+    } catch (const std::exception& e) {
+      DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] recv thread exception: %s", index_, e.what());
+    }
+  });
+}
+
+void IpfixRecvWorker::ShutdownSocket() {
+  if (fd_ >= 0) shutdown(fd_, SHUT_RD);
+}
+
+void IpfixRecvWorker::Stop() {
+  if (running_.exchange(false) && thread_.joinable()) thread_.join();
+}
+
+void IpfixRecvWorker::Drain() {
+  if (sink_ != nullptr) {
+    // Keys first: the sink must not see the table change under it.
+    std::vector<std::string> keys;
+    keys.reserve(sessions_.size());
+    for (const auto& entry : sessions_) keys.push_back(entry.second->key());
+    for (const std::string& key : keys) sink_->RemoveSession(index_, key);
+  }
+  sessions_.clear();
+  sessions_count_.store(0);
+}
+
+void IpfixRecvWorker::CloseSocket() {
+  if (fd_ >= 0) {
+    close(fd_);
+    fd_ = -1;
+  }
+}
+
+IpfixRecvWorker::Stats IpfixRecvWorker::GetStats() const {
+  Stats stats;
+  stats.packets_received = packets_received_.load(std::memory_order_relaxed);
+  stats.parsed = parsed_.load(std::memory_order_relaxed);
+  stats.errors = errors_.load(std::memory_order_relaxed);
+  stats.bytes = bytes_.load(std::memory_order_relaxed);
+  stats.batches = batches_.load(std::memory_order_relaxed);
+  stats.sessions = sessions_count_.load();
+  return stats;
+}
+
+void IpfixRecvWorker::SleepMicros(uint32_t micros) const {
+  timespec request{static_cast<time_t>(micros / 1000000), static_cast<long>(micros % 1000000) * 1000};
+  timespec remaining{};
+  while (nanosleep(&request, &remaining) != 0 && errno == EINTR) request = remaining;
+}
+
+void IpfixRecvWorker::ReceiveLoop() {
+  dtl_set_thread_name("ipfix_recv_%zu", index_);
+  uint32_t backoff = config_.backoff_min_us;
+  // Receive errors of this thread; only every 256th is logged.
+  unsigned long long error_count = 0;
+
+  while (running_.load(std::memory_order_relaxed)) {
+    // recvmmsg shrinks msg_namelen to what it wrote; give the room back.
+    for (int i = 0; i < last_filled_; ++i) headers_[i].msg_hdr.msg_namelen = kAddressLength;
+
+    const int n = recvmmsg(fd_, headers_.data(), kBatchSize, MSG_DONTWAIT, nullptr);
+    if (n > 0) {
+      backoff = config_.backoff_min_us;
+      last_filled_ = n;
+      for (int i = 0; i < n; ++i) {
+        const size_t length = headers_[i].msg_len;
+        packets_received_.fetch_add(1, std::memory_order_relaxed);
+        bytes_.fetch_add(length, std::memory_order_relaxed);
+        ProcessMessage(SlotData(i), length, *SlotAddress(i));
+      }
+      batches_.fetch_add(1, std::memory_order_relaxed);
+      continue;
+    }
+
+    last_filled_ = 0;
+    if (n < 0) {
+      const int error = errno;
+      if (error == EINTR) continue;
+      if (error != EAGAIN) {
+        ++error_count;
+        if (error_count % 256 == 1)
+          DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] recvmmsg: %s (errno=%d, count=%llu)", index_,
+                          strerror(error), error, error_count);
+      }
+    }
+    if (backoff == 0) continue;
+    SleepMicros(backoff);
+    backoff = std::min(2 * backoff, config_.backoff_max_us);
+  }
+}
+
+void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from) {
+  const ParsedHeader header = MessageParser::ParseHeader(data, len);
+  if (!header.valid) {
+    errors_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  parsed_.fetch_add(1, std::memory_order_relaxed);
+
+  const SessionKey key = IpfixReceiver::MakeSessionKey(from, header.observation_domain_id);
+  IpfixSession* session = FindOrCreateSession(key, header.export_time);
+  if (session == nullptr) {
+    DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] cannot create session for domain %u (max sessions reached)",
+                  index_, header.observation_domain_id);
+    return;
+  }
+  session->set_last_export_time(header.export_time);
+
+  // Only the header's message length counts; trailing datagram bytes are ignored.
+  const size_t end = header.length;
+  if (end < MessageParser::kHeaderSize + MessageParser::kSetHeaderSize) return;
+  size_t offset = MessageParser::kHeaderSize;
+  while (end - offset >= MessageParser::kSetHeaderSize) {
+    const uint16_t set_id = ReadU16(data + offset);
+    const uint16_t set_length = ReadU16(data + offset + 2);
+    if (set_length < MessageParser::kSetHeaderSize || offset + set_length > end) break;
+    const uint8_t* body = data + offset + MessageParser::kSetHeaderSize;
+    const size_t body_length = set_length - MessageParser::kSetHeaderSize;
+
+    if (set_id == MessageParser::kTemplateSetId) {
+      const std::vector<ParsedTemplate> templates = MessageParser::ParseTemplateSet(body, body_length);
+      if (!templates.empty()) session->UpdateTemplates(templates);
+    } else if (set_id == MessageParser::kOptionsTemplateSetId) {
+      DTL_LOG_DEBUG("[IPFIX recv worker] [w=%zu] session %s: skipping options template set", index_,
+                    session->display_name().c_str());
+    } else if (set_id >= MessageParser::kFirstDataSetId) {
+      session->ProcessDataSet(set_id, body, body_length, header.export_time, header.sequence_number);
+    }
+    offset += set_length;
+  }
+}
+
+IpfixSession* IpfixRecvWorker::FindOrCreateSession(const SessionKey& key, uint32_t now) {
+  auto found = sessions_.find(key);
+  if (found != sessions_.end()) return found->second.get();
+
+  // Reaping only runs for an unknown key, so known exporters never pay for it.
+  // A last export time of 0 means "never seen"; a newer one than now means
+  // the clocks disagree, not that the session is stale.
+  for (auto it = sessions_.begin(); it != sessions_.end();) {
+    const uint32_t last = it->second->last_export_time();
+    if (last != 0 && last < now && now - last > config_.session_timeout_sec) {
+      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] reaping stale session %s (inactive %u sec)", index_,
+                   it->second->display_name().c_str(), now - last);
+      if (sink_ != nullptr) sink_->RemoveSession(index_, it->second->key());
+      it = sessions_.erase(it);
+      sessions_count_.store(sessions_.size());
+    } else {
+      ++it;
+    }
+  }
+
+  if (sessions_.size() >= config_.max_sessions) return nullptr;
+
+  auto session = std::make_unique<IpfixSession>(key.ToKeyString(), index_, sink_);
+  IpfixSession* created = session.get();
+  sessions_.emplace(key, std::move(session));
+  sessions_count_.store(sessions_.size());
+  DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] created session for %s:%u domain %u (worker sessions: %zu)",
+               index_, IpfixReceiver::SessionKeyIpString(key).c_str(),
+               static_cast<unsigned>(IpfixReceiver::SessionKeyPort(key)),
+               IpfixReceiver::SessionKeyDomainId(key), sessions_.size());
+  return created;
+}
+
+}  // namespace dtl::ipfix

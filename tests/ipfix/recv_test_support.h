@@ -1,0 +1,162 @@
+// Helpers for the receive-path tests: a thread-safe log capture, a sink that
+// records what the workers tell it, loopback UDP senders and bounded waits.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "dtl_logger.h"
+#include "ipfix/ipfix_session_sink.h"
+
+namespace recv_test {
+
+// Log lines as "<level> <text>", from any thread.
+class LogCapture {
+ public:
+  LogCapture() {
+    Clear();
+    dtl_set_log_func(&LogCapture::Append, DTL_LOG_LEVEL_DEBUG);
+  }
+  ~LogCapture() { dtl_set_log_func(nullptr, DTL_LOG_LEVEL_ERROR); }
+
+  static void Clear() {
+    std::lock_guard<std::mutex> lock(Mutex());
+    Lines().clear();
+  }
+  static std::vector<std::string> Snapshot() {
+    std::lock_guard<std::mutex> lock(Mutex());
+    return Lines();
+  }
+  // Lines that contain needle.
+  static std::vector<std::string> Matching(const std::string& needle) {
+    std::vector<std::string> found;
+    for (const std::string& line : Snapshot())
+      if (line.find(needle) != std::string::npos) found.push_back(line);
+    return found;
+  }
+  static size_t Count(const std::string& needle) { return Matching(needle).size(); }
+
+ private:
+  static void Append(int level, const char* format, ...) {
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    std::lock_guard<std::mutex> lock(Mutex());
+    Lines().push_back(std::to_string(level) + " " + text);
+  }
+  static std::mutex& Mutex() {
+    static std::mutex mutex;
+    return mutex;
+  }
+  static std::vector<std::string>& Lines() {
+    static std::vector<std::string> lines;
+    return lines;
+  }
+};
+
+// Remembers lifecycle calls and removed sessions; stores nothing.
+class CountingSink : public dtl::ipfix::IpfixSessionSink {
+ public:
+  void Start() override { ++starts; }
+  void Stop() override { ++stops; }
+  const std::string& root() const override { return root_; }
+  void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,
+                           const dtl::ipfix::SchemaSnapshot&) override {}
+  uint8_t* AcquireRecordValueSlot(size_t, const std::string&, uint32_t, uint32_t, uint64_t) override {
+    return nullptr;
+  }
+  void CommitRecord(size_t, const std::string&, uint64_t) override {}
+  void RemoveSession(size_t worker_id, const std::string& key) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    removed_.emplace_back(worker_id, key);
+  }
+  std::vector<std::pair<size_t, std::string>> removed() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return removed_;
+  }
+
+  std::atomic<int> starts{0};
+  std::atomic<int> stops{0};
+
+ private:
+  std::string root_;
+  mutable std::mutex mutex_;
+  std::vector<std::pair<size_t, std::string>> removed_;
+};
+
+// Polls cond until it holds or 5 s have passed.
+inline bool WaitFor(const std::function<bool()>& cond) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!cond()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+// A UDP port that was free a moment ago.
+inline uint16_t FreeUdpPort() {
+  int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_any;
+  socklen_t length = sizeof(address);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    ADD_FAILURE() << "cannot find a free UDP port";
+  if (fd >= 0) close(fd);
+  return ntohs(address.sin6_port);
+}
+
+// A loopback sender on a dual-stack socket: bound to "::ffff:127.0.0.1" it
+// sends over IPv4, bound to "::1" over native IPv6.
+class UdpSender {
+ public:
+  explicit UdpSender(const char* loopback = "::ffff:127.0.0.1") {
+    local_.sin6_family = AF_INET6;
+    fd_ = socket(AF_INET6, SOCK_DGRAM, 0);
+    socklen_t length = sizeof(local_);
+    ok_ = fd_ >= 0 && inet_pton(AF_INET6, loopback, &local_.sin6_addr) == 1 &&
+          bind(fd_, reinterpret_cast<sockaddr*>(&local_), sizeof(local_)) == 0 &&
+          getsockname(fd_, reinterpret_cast<sockaddr*>(&local_), &length) == 0;
+  }
+  ~UdpSender() {
+    if (fd_ >= 0) close(fd_);
+  }
+  UdpSender(const UdpSender&) = delete;
+  UdpSender& operator=(const UdpSender&) = delete;
+
+  bool ok() const { return ok_; }
+  // The sender's address as the dual-stack receiver sees it.
+  const sockaddr_in6& SeenAs() const { return local_; }
+
+  bool Send(uint16_t port, const std::vector<uint8_t>& bytes) const {
+    sockaddr_in6 to = local_;
+    to.sin6_port = htons(port);
+    return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+                  sizeof(to)) == static_cast<ssize_t>(bytes.size());
+  }
+
+ private:
+  sockaddr_in6 local_{};
+  int fd_ = -1;
+  bool ok_ = false;
+};
+
+}  // namespace recv_test
