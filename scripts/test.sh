@@ -22,3 +22,18 @@ BUILD_DIR=build-asan scripts/build.sh -DDTL_SANITIZE=address,undefined -DDTL_BUI
 ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0} \
 UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1} \
   run_suite build-asan
+
+# Bounded libFuzzer run over the receive path, seeded with simulator output.
+# The corpus it grows is kept in the build folder for the next run.
+echo "== fuzzing the receive path for ${FUZZ_SECONDS:-60} s"
+BUILD_DIR=build-fuzz scripts/build.sh -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+  -DDTL_BUILD_FUZZ=ON -DDTL_SANITIZE=address,undefined -DDTL_BUILD_TESTS=OFF -DDTL_BUILD_BENCH=OFF
+(
+  cd build-fuzz
+  rm -rf seeds && mkdir -p corpus artifacts
+  bin/datagram_fuzz_seeds seeds >/dev/null
+  bin/datagram_fuzz -max_total_time="${FUZZ_SECONDS:-60}" -timeout=10 -rss_limit_mb=4096 \
+    -print_final_stats=1 -artifact_prefix=artifacts/ corpus seeds ../tests/fuzz/regressions \
+    2>fuzz.log || { tail -60 fuzz.log; echo "fuzzing found a failure; input in build-fuzz/artifacts/"; exit 1; }
+  grep -E '^stat::(number_of_executed_units|peak_rss_mb)' fuzz.log || true
+)
