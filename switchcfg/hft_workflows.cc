@@ -1,0 +1,230 @@
+// The HFT enable, disable and clean-up workflows. Every change goes through
+// a revision; a revision that was created but not applied stays on the
+// switch and is reported as orphaned, never deleted.
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "dtl_logger.h"
+#include "switchcfg/hft_bodies.h"
+#include "switchcfg/quil_switch_configurator.h"
+
+namespace dtl::ipfix {
+
+namespace {
+
+constexpr const char* kHftPath = "/system/telemetry/hft";
+
+std::string Join(const std::vector<std::string>& items, size_t limit) {
+  std::string text;
+  for (size_t i = 0; i < items.size() && i < limit; ++i) {
+    if (i != 0) text += ",";
+    text += items[i];
+  }
+  if (items.size() > limit) text += ",...";
+  return text;
+}
+
+}  // namespace
+
+bool QuilSwitchConfigurator::EnableHftIpfix() {
+  const std::string& host = config_.host;
+  DTL_LOG_INFO("[quil switch configurator] Enabling HFT IPFIX on switch %s → collector %s:%u", host.c_str(),
+               config_.collector_ip.c_str(), static_cast<unsigned>(config_.collector_port));
+
+  // Quiesce the export first, so that the clean-up below does not pull the
+  // configuration from under a running export.
+  const std::string quiesce = CreateRevision();
+  if (quiesce.empty()) return false;
+  if (!PatchConfig(quiesce, kHftPath, std::string(kDisableHftBody))) return false;
+  if (!ApplyRevision(quiesce)) return false;
+  if (!WaitForHftExportState("disabled")) return false;
+
+  if (!CleanupHftConfig()) return false;
+
+  const std::string revision = CreateRevision();
+  if (revision.empty()) return false;
+
+  if (!PatchConfig(revision, "/system/telemetry/export/ipfix",
+                   dtl::json::serialize_compact(BuildIpfixExportBody(config_)))) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (IPFIX export patch failed)",
+        revision.c_str(), host.c_str());
+    return false;
+  }
+
+  dtl::json::value hft = BuildHftBody(config_);
+  for (const KeyedSetSpec& spec : kKeyedSets) {
+    if (!BuildKeyedSet(hft, spec.dotted_key, config_.*spec.list, spec.applied_path)) {
+      DTL_LOG_WARNING(
+          "[quil switch configurator] Orphaned QUIL revision %s on switch %s (HFT body build failed)",
+          revision.c_str(), host.c_str());
+      return false;
+    }
+  }
+  if (!PatchConfig(revision, kHftPath, dtl::json::serialize_compact(hft))) {
+    DTL_LOG_WARNING("[quil switch configurator] Orphaned QUIL revision %s on switch %s (HFT patch failed)",
+                    revision.c_str(), host.c_str());
+    return false;
+  }
+
+  for (const std::string& name : config_.interfaces) {
+    if (!IsValidInterfaceName(name)) {
+      last_error_ = "Invalid interface name: " + name;
+      DTL_LOG_ERROR("[quil switch configurator] %s", last_error_.c_str());
+      DTL_LOG_WARNING(
+          "[quil switch configurator] Orphaned QUIL revision %s on switch %s (invalid interface name)",
+          revision.c_str(), host.c_str());
+      return false;
+    }
+  }
+  if (!config_.interfaces.empty() &&
+      !PatchConfig(revision, "/interface",
+                   dtl::json::serialize_compact(BuildInterfacesBody(config_.interfaces)))) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (bulk interface patch failed)",
+        revision.c_str(), host.c_str());
+    return false;
+  }
+
+  if (!ApplyRevision(revision)) {
+    DTL_LOG_WARNING("[quil switch configurator] Orphaned QUIL revision %s on switch %s (apply failed)",
+                    revision.c_str(), host.c_str());
+    return false;
+  }
+
+  constexpr size_t all = std::numeric_limits<size_t>::max();
+  const std::string traffic_classes = Join(config_.traffic_classes, all);
+  const std::string priority_groups = Join(config_.priority_groups, all);
+  const std::string priorities = Join(config_.priorities, all);
+  DTL_LOG_INFO(
+      "[quil switch configurator] HFT IPFIX enabled on switch %s for %zu interfaces (duration=%us, "
+      "traffic-class=[%s], priority-group=[%s], switch-priority=[%s])",
+      host.c_str(), config_.interfaces.size(), config_.hft_duration_sec, traffic_classes.c_str(),
+      priority_groups.c_str(), priorities.c_str());
+  return true;
+}
+
+bool QuilSwitchConfigurator::BuildKeyedSet(dtl::json::value& body, const std::string& dotted_key,
+                                           const std::vector<std::string>& wanted, const std::string& path) {
+  if (wanted.empty()) return true;
+  const std::vector<std::string> applied = FetchAppliedKeys(path);
+  // Allocation failures of the JSON model surface as exceptions, which the
+  // provider's callbacks catch; only the attachment can fail here.
+  dtl::json::value set = dtl::json::value::object();
+  const size_t stale = AddKeyedSetMembers(set, wanted, applied);
+  if (stale != 0) {
+    DTL_LOG_INFO("[quil switch configurator] %s: unsetting %zu stale entr%s from previous run on switch %s",
+                 dotted_key.c_str(), stale, stale == 1 ? "y" : "ies", config_.host.c_str());
+  }
+  if (!DotSet(body, dotted_key, std::move(set))) {
+    DTL_LOG_ERROR("[quil switch configurator] json_object_dotset_value failed for %s on switch %s",
+                  dotted_key.c_str(), config_.host.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool QuilSwitchConfigurator::DisableHftIpfix() {
+  const std::string& host = config_.host;
+  DTL_LOG_INFO("[quil switch configurator] Disabling HFT on switch %s", host.c_str());
+  const std::string revision = CreateRevision();
+  if (revision.empty()) return false;
+  if (!PatchConfig(revision, kHftPath, std::string(kDisableHftBody))) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable HFT patch failed)",
+        revision.c_str(), host.c_str());
+    return false;
+  }
+  if (!ApplyRevision(revision)) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable apply failed)",
+        revision.c_str(), host.c_str());
+    return false;
+  }
+  DTL_LOG_INFO("[quil switch configurator] HFT disabled on switch %s", host.c_str());
+  // The export is stopped; configuration left behind is repaired by the
+  // clean-up of the next enable, so this does not fail the disable.
+  if (!CleanupHftConfig()) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] CleanupHftConfig failed on switch %s after disable — stale config may "
+        "remain",
+        host.c_str());
+  }
+  return true;
+}
+
+bool QuilSwitchConfigurator::CleanupHftConfig() {
+  const std::string& host = config_.host;
+  DTL_LOG_INFO("[quil switch configurator] Cleaning up stale HFT config on switch %s", host.c_str());
+  const std::string listing = GetConfig("/interface");
+  DTL_LOG_DEBUG("[quil switch configurator] Cleanup: GET /interface returned %zu bytes", listing.size());
+
+  // Every interface the switch knows is unset, not only the configured
+  // ones: an earlier run may have enabled HFT on others.
+  std::vector<std::string> interfaces;
+  if (listing.empty()) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Cleanup: failed to list interfaces on switch %s — falling back to "
+        "configured "
+        "list (%zu interfaces)",
+        host.c_str(), config_.interfaces.size());
+    interfaces = config_.interfaces;
+  } else {
+    const dtl::json::value answer = dtl::json::value::parse(listing, nullptr, false);
+    if (!answer.is_object()) {
+      DTL_LOG_WARNING(
+          "[quil switch configurator] Cleanup: failed to parse /interface response as JSON object: %s",
+          listing.c_str());
+    } else {
+      interfaces.reserve(answer.size());
+      for (const auto& member : answer.items()) {
+        if (!member.key().empty()) interfaces.push_back(member.key());
+      }
+    }
+    DTL_LOG_INFO("[quil switch configurator] Cleanup: discovered %zu interfaces on switch %s",
+                 interfaces.size(), host.c_str());
+    const std::string shown = Join(interfaces, 5);
+    DTL_LOG_INFO("[quil switch configurator] Cleanup: interfaces=[%s]", shown.c_str());
+  }
+
+  const std::string revision = CreateRevision();
+  if (revision.empty()) return false;
+  const std::string body = dtl::json::serialize_compact(BuildCleanupBody(interfaces));
+  DTL_LOG_INFO(
+      "[quil switch configurator] Cleanup: PATCH / body_len=%zu unsetting system.telemetry.hft + "
+      "interface.telemetry.hft on %zu interfaces",
+      body.size(), interfaces.size());
+  if (!PatchConfig(revision, "/", body)) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (cleanup PATCH failed)",
+        revision.c_str(), host.c_str());
+    return false;
+  }
+  if (!ApplyRevision(revision)) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (cleanup apply failed)",
+        revision.c_str(), host.c_str());
+    return false;
+  }
+
+  const std::string disable = CreateRevision();
+  if (disable.empty()) return false;
+  if (!PatchConfig(disable, kHftPath, std::string(kDisableHftBody))) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable HFT patch failed)",
+        disable.c_str(), host.c_str());
+    return false;
+  }
+  if (!ApplyRevision(disable)) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable apply failed)",
+        disable.c_str(), host.c_str());
+    return false;
+  }
+  DTL_LOG_INFO("[quil switch configurator] Stale HFT config cleared on switch %s (%zu interfaces unset)",
+               host.c_str(), interfaces.size());
+  return true;
+}
+
+}  // namespace dtl::ipfix
