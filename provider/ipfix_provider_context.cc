@@ -1,0 +1,61 @@
+#include "provider/ipfix_provider_context.h"
+
+#include <algorithm>
+
+#include "dtl_logger.h"
+
+namespace dtl::ipfix {
+
+namespace {
+// Margin for the switches' own stop after the longest export window.
+constexpr uint32_t kAutoStopDeltaSec = 5;
+}  // namespace
+
+IpfixProviderContext::~IpfixProviderContext() {
+  for (auto& configurator : switches) configurator.reset();
+  switches.clear();
+  config = IpfixReceiver::Config{};  // its strings go before the receiver
+  receiver.reset();
+}
+
+bool IpfixProviderContext::Start() {
+  // The receiver reports its own failures; switches are configured anyway
+  // so that the outcome of each is logged.
+  if (receiver) receiver->Start();
+
+  for (size_t i = 0; i < switches.size(); ++i) {
+    if (switches[i]->EnableHftIpfix()) continue;
+    DTL_LOG_ERROR("[ipfix bin data provider] failed to configure switch %zu: %s", i + 1,
+                  switches[i]->last_error().c_str());
+    for (size_t j = 0; j < i; ++j) switches[j]->DisableHftIpfix();
+    if (receiver) receiver->Stop();
+    return false;
+  }
+  return true;
+}
+
+bool IpfixProviderContext::Stop() {
+  for (size_t i = 0; i < switches.size(); ++i) {
+    if (switches[i]->DisableHftIpfix()) continue;
+    DTL_LOG_ERROR("[ipfix bin data provider] failed to disable HFT on switch %zu: %s", i + 1,
+                  switches[i]->last_error().c_str());
+  }
+  if (receiver) receiver->Stop();
+  return true;
+}
+
+std::optional<uint32_t> IpfixProviderContext::AutoStopTimeoutSec() const {
+  if (switches.empty()) return std::nullopt;
+  uint32_t longest = 0;
+  for (const auto& configurator : switches) {
+    const uint32_t duration = configurator->config().hft_duration_sec;
+    if (duration == 0) return std::nullopt;
+    longest = std::max(longest, duration);
+  }
+  const uint32_t timeout = longest + kAutoStopDeltaSec;
+  DTL_LOG_INFO("[ipfix bin data provider] Auto-stop timeout: %us (max switch duration %us + %us delta)",
+               timeout, longest, kAutoStopDeltaSec);
+  return timeout;
+}
+
+}  // namespace dtl::ipfix

@@ -1,0 +1,57 @@
+// Reading of the provider's options (host dictionary, then environment,
+// then defaults) into the receiver's and the switch configurators' records.
+// Every option is read once, while the provider is constructed.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dtl_dict.h"
+#include "ipfix/ipfix_receiver.h"
+#include "switchcfg/quil_switch_configurator.h"
+
+namespace dtl::ipfix {
+
+// The global switch options, the defaults of every per-switch key.
+struct SwitchDefaults {
+  const dtl_custom_options* options = nullptr;
+  uint16_t port = 8765;
+  std::string username;
+  std::string password;
+  bool insecure = true;
+  std::string collector_ip;  // already resolved
+  uint16_t receiver_port = 4739;
+  uint32_t sample_interval_usec = 100;
+  uint32_t hft_duration_sec = 0;
+  std::string vrf;
+  std::vector<std::string> counters;
+  std::vector<std::string> traffic_classes;
+  std::vector<std::string> priority_groups;
+  std::vector<std::string> priorities;
+  // The four list options as read, for the per-switch log line.
+  std::string counters_text;
+  std::string traffic_classes_text;
+  std::string priority_groups_text;
+  std::string priorities_text;
+};
+
+// Receiver and disk options, with the disk-root and configuration log lines.
+IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options);
+
+// The global switch options; receiver_port becomes every collector port.
+SwitchDefaults ReadSwitchDefaults(const dtl_custom_options* options, uint16_t receiver_port);
+
+// One switch's configuration from the keys prefix + suffix ("switch-2-port"),
+// falling back to the global values.
+QuilSwitchConfigurator::Config ParseSwitchConfig(const SwitchDefaults& defaults,
+                                                 const std::string& address,
+                                                 const std::string& prefix);
+
+// Configurators for switch-1-ip, switch-2-ip, ... up to the first one that
+// is not set, or for switch-ip alone when switch-1-ip is not set.
+std::vector<std::unique_ptr<QuilSwitchConfigurator>> BuildSwitchConfigurators(
+    const dtl_custom_options* options, uint16_t receiver_port);
+
+}  // namespace dtl::ipfix
