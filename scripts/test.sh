@@ -23,6 +23,12 @@ ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0} \
 UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1} \
   run_suite build-asan
 
+echo "== ThreadSanitizer build of the multi-threaded parts"
+cmake -S . -B build-tsan -G Ninja -DDTL_SANITIZE=thread -DDTL_BUILD_BENCH=OFF >/dev/null
+cmake --build build-tsan -j "$jobs" --target threaded_tests
+TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
+  ctest --test-dir build-tsan -L threaded -j "$jobs" --output-on-failure --timeout 300
+
 # Bounded libFuzzer run over the receive path, seeded with simulator output.
 # The corpus it grows is kept in the build folder for the next run.
 echo "== fuzzing the receive path for ${FUZZ_SECONDS:-60} s"
