@@ -17,10 +17,21 @@ void BswapU64ArrayScalar(const uint8_t* src, uint8_t* dst, size_t count);
 void BswapU64ArrayNeon(const uint8_t* src, uint8_t* dst, size_t count);
 #endif
 
+#if defined(__x86_64__)
+// SSSE3 version: two words per 128-bit shuffle, an odd last word scalar.
+void BswapU64ArraySsse3(const uint8_t* src, uint8_t* dst, size_t count);
+// AVX2 version: four words per 256-bit shuffle, the rest through SSSE3.
+void BswapU64ArrayAvx2(const uint8_t* src, uint8_t* dst, size_t count);
+// Whether this processor can run the vector versions above.
+bool BswapSsse3Supported();
+bool BswapAvx2Supported();
+#endif
+
 // Calls the fastest implementation the processor supports.
 void BswapU64Array(const uint8_t* src, uint8_t* dst, size_t count);
 
-// Name of the implementation BswapU64Array uses: "scalar" or "neon".
+// Name of the implementation BswapU64Array uses: "scalar", "neon", "ssse3"
+// or "avx2".
 const char* BswapImplementationName();
 
 }  // namespace dtl::ipfix

@@ -4,8 +4,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iostream>
 #include <string>
 #include <vector>
+
+#if defined(__aarch64__)
+#include <asm/hwcap.h>
+#include <sys/auxv.h>
+#endif
 
 namespace {
 
@@ -28,7 +34,7 @@ TEST(BswapTest, ScalarReversesEachWord) {
 
 TEST(BswapTest, ImplementationNameIsKnown) {
   const std::string name = dtl::ipfix::BswapImplementationName();
-  EXPECT_TRUE(name == "scalar" || name == "neon") << name;
+  EXPECT_TRUE(name == "scalar" || name == "neon" || name == "ssse3" || name == "avx2") << name;
 }
 
 // Every implementation must give the scalar bytes for any count (odd ones
@@ -59,8 +65,42 @@ void ExpectSameAsScalar(BswapFn fn) {
 
 TEST(BswapTest, SelectedMatchesScalar) { ExpectSameAsScalar(&BswapU64Array); }
 
+#if defined(__x86_64__)
+TEST(BswapTest, Ssse3MatchesScalar) {
+  if (!dtl::ipfix::BswapSsse3Supported()) GTEST_SKIP() << "no SSSE3 on this processor";
+  ExpectSameAsScalar(&dtl::ipfix::BswapU64ArraySsse3);
+}
+
+TEST(BswapTest, Avx2MatchesScalar) {
+  if (!dtl::ipfix::BswapAvx2Supported()) GTEST_SKIP() << "no AVX2 on this processor";
+  ExpectSameAsScalar(&dtl::ipfix::BswapU64ArrayAvx2);
+}
+
+// The selector must take the widest vector path the processor offers.
+TEST(BswapTest, SelectsWidestSupportedPath) {
+  const std::string name = dtl::ipfix::BswapImplementationName();
+  if (dtl::ipfix::BswapAvx2Supported()) {
+    EXPECT_EQ(name, "avx2");
+  } else if (dtl::ipfix::BswapSsse3Supported()) {
+    EXPECT_EQ(name, "ssse3");
+  } else {
+    EXPECT_EQ(name, "scalar");
+  }
+}
+#endif
+
 #if defined(__aarch64__)
 TEST(BswapTest, NeonMatchesScalar) { ExpectSameAsScalar(&dtl::ipfix::BswapU64ArrayNeon); }
+
+// The selector must take NEON whenever the kernel reports Advanced SIMD (as
+// every 64-bit Arm Linux processor and the emulator do). The name is printed
+// so that a test log shows which path ran.
+TEST(BswapTest, SelectsNeonWithAdvancedSimd) {
+  const std::string name = dtl::ipfix::BswapImplementationName();
+  std::cout << "byte-swap implementation: " << name << std::endl;
+  const bool has_asimd = (getauxval(AT_HWCAP) & HWCAP_ASIMD) != 0;
+  EXPECT_EQ(name, has_asimd ? "neon" : "scalar");
+}
 #endif
 
 }  // namespace
