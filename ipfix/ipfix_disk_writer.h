@@ -1,0 +1,213 @@
+// Turns decoded IPFIX samples into bytes on disk. Every session gets a
+// DomainState: its rotating data file, two page buffers that receive
+// fixed-size sample blocks (double buffering) and a header page that carries
+// the 256-byte data file header plus the first blocks of each new file. Full
+// pages go to the shared io_uring writer as asynchronous writes from 4 KiB
+// aligned, optionally kernel-registered memory. Each schema update also
+// publishes the counters-schema file and the metadata file of the session.
+//
+// Threads: receive worker i alone uses shard i (its sessions) and takes no
+// lock; the io_uring writer thread clears the in-flight flags and runs the
+// registered-buffer updates; Start, Stop and the destructor run while no
+// worker does.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "ipfix/async_data_file.h"
+#include "ipfix/disk_retention.h"
+#include "ipfix/disk_writer_config.h"
+#include "ipfix/io_uring_writer.h"
+#include "ipfix/ipfix_session_sink.h"
+#include "ipfix/schema_snapshot.h"
+
+namespace dtl::ipfix {
+
+// Hash of session key strings: 64-bit FNV-1a over the key bytes.
+struct StringCrc32cHash {
+  size_t operator()(std::string_view key) const noexcept {
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (unsigned char byte : key) {
+      hash ^= byte;
+      hash *= 0x100000001b3ull;
+    }
+    return static_cast<size_t>(hash);
+  }
+};
+
+// One sample for the copying write path: its value bytes in fragments.
+struct CounterWriteRecord {
+  struct Fragment {
+    const uint8_t* data = nullptr;
+    uint64_t length = 0;
+  };
+
+  const std::string* session_key = nullptr;
+  uint32_t unused = 0;
+  uint32_t time_sec = 0;
+  uint32_t time_nsec = 0;
+  uint64_t worker_id = 0;
+  const Fragment* fragments = nullptr;
+  uint64_t fragment_count = 0;
+};
+
+class IpfixDiskWriter final : public IpfixSessionSink {
+ public:
+  using Config = DiskWriterConfig;
+
+  static constexpr uint64_t kPageAlign = 4096;
+  static constexpr uint64_t kHeaderSize = 256;
+  // Block header: magic, padding and timestamp.
+  static constexpr uint32_t kBlockHeaderSize = 16;
+  // A data page aims at about this many bytes.
+  static constexpr uint32_t kPageBytesTarget = 1048576;
+  // Host name of the client id that names every data file's node.
+  static constexpr const char* kClientHostName = "ipfix-receiver";
+  static constexpr const char* kDataTag = "ipfix";
+
+  // Per-session state; owns its buffers (freed with free) and its data file.
+  struct DomainState {
+    DomainState() = default;
+    ~DomainState();
+    DomainState(const DomainState&) = delete;
+    DomainState& operator=(const DomainState&) = delete;
+
+    SchemaSnapshot schema;  // last applied snapshot
+    std::string src;        // switch name or "unknown"
+    std::unique_ptr<AsyncDataFile> data_file;
+    uint32_t block_size = 0;
+    unsigned char schema_id[16] = {};
+    uint8_t* buf[2] = {nullptr, nullptr};
+    uint64_t buf_size = 0;
+    uint8_t active = 0;
+    int32_t buf_index[2] = {-1, -1};
+    std::atomic<bool> page_in_flight[2] = {false, false};
+    uint8_t* header_page = nullptr;
+    uint64_t header_size = 0;
+    uint32_t hdr_blocks = 0;
+    int32_t header_buf_index = -1;
+    std::atomic<bool> header_in_flight{false};
+    uint32_t batch_capacity = 0;
+    uint32_t count = 0;  // blocks committed in the page being filled
+    uint64_t first_ts = 0;
+    uint64_t last_ts = 0;
+    uint8_t* pending = nullptr;  // block handed out and not yet committed
+  };
+
+  // How a block size turns into page and header-page sizes.
+  struct PageSizing {
+    uint32_t min_batch = 0;     // fewest blocks whose total is a 4096 multiple
+    uint32_t bytes_target = 0;  // blocks in about 1 MiB
+    uint32_t target = 0;
+    uint32_t batch_capacity = 0;
+    uint64_t buffer_size = 0;
+    uint32_t hdr_blocks = 0;
+    uint64_t header_size = 0;
+    bool header_aligned = false;  // header + hdr_blocks blocks is a 4096 multiple
+  };
+  static PageSizing ComputePageSizing(uint32_t block_size, uint32_t batch_count);
+
+  // One counter as named in the schema and described in the metadata file.
+  struct CounterEntry {
+    std::string name;                 // label prefix + field name
+    std::vector<std::string> keys;    // sorted metadata keys
+    std::vector<std::string> values;  // their values, then the field name
+  };
+  // Names the counters; text that is not valid UTF-8 has its bad bytes
+  // replaced, so that both JSON files stay valid and agree on the names.
+  static std::vector<CounterEntry> BuildCounterEntries(const std::vector<FlatFieldInfo>& flat_fields);
+
+  // Printable form of a session key: "address:port/domain_N".
+  static std::string SessionKeyText(const std::string& key);
+
+  explicit IpfixDiskWriter(const Config& config);
+  ~IpfixDiskWriter() override;
+
+  IpfixDiskWriter(const IpfixDiskWriter&) = delete;
+  IpfixDiskWriter& operator=(const IpfixDiskWriter&) = delete;
+
+  // Starts the io_uring writer and registers the buffer pool; nothing starts
+  // when the root is empty.
+  void Start() override;
+  // Flushes and drains every session, then stops the io_uring writer. Once.
+  void Stop() override;
+  const std::string& root() const override { return config_.root; }
+
+  void ProcessSchemaUpdate(size_t worker_id, const std::string& key, const std::string& display_name,
+                           uint32_t domain_id, const SchemaSnapshot& snapshot) override;
+  uint8_t* AcquireRecordValueSlot(size_t worker_id, const std::string& key, uint32_t time_sec,
+                                  uint32_t time_nsec, uint64_t values_size) override;
+  void CommitRecord(size_t worker_id, const std::string& key, uint64_t values_size) override;
+  void RemoveSession(size_t worker_id, const std::string& key) override;
+
+  // Copying variant of AcquireRecordValueSlot + CommitRecord.
+  void ProcessRecord(const CounterWriteRecord& record);
+  // Writes what has been committed in the page being filled.
+  void FlushPage(size_t worker_id, const std::string& key);
+
+  const Config& config() const { return config_; }
+  size_t shard_count() const { return shards_.size(); }
+  size_t session_count() const;
+  // Slots registered with the kernel (0 when registration failed).
+  uint64_t pool_slots() const;
+  // The state of a session, for inspection; null when there is none.
+  const DomainState* FindSession(size_t worker_id, const std::string& key) const;
+
+ private:
+  using Shard = std::unordered_map<std::string, std::unique_ptr<DomainState>, StringCrc32cHash>;
+
+  DomainState* Lookup(size_t worker_id, const std::string& key);
+  static bool Ready(const DomainState& state);
+  // Where the next block goes while the file has no bytes yet.
+  static bool InHeaderMode(const DomainState& state);
+  // Timestamp bookkeeping of a new sample; returns its time in µs.
+  static uint64_t NoteSampleTime(DomainState& state, uint32_t time_sec, uint32_t time_nsec);
+
+  void FlushState(DomainState& state);
+  // Flushes until the page is empty (a header page may leave a remainder).
+  void FlushAll(DomainState& state);
+  void FlushHeaderPage(DomainState& state, bool blocks_in_header);
+  void FlushDataPage(DomainState& state, bool blocks_in_header);
+  static void WaitForInFlight(DomainState& state);
+  static void ResetPage(DomainState& state);
+
+  void AllocateBuffers(DomainState& state);
+  // Claims a slot for buffer and queues its registration; -1 when none.
+  int ClaimAndRegister(const iovec& buffer, std::vector<std::pair<int, std::shared_ptr<std::atomic<int>>>>& updates);
+  int ClaimSlot(const iovec& buffer);
+  void ReleaseSlot(int slot);
+  // Pool entry back to free without touching the kernel (its update failed).
+  void ForgetSlot(int slot);
+  void ReleaseSessionSlots(DomainState& state);
+
+  void ApplySchemaUpdate(size_t worker_id, const std::string& key, const std::string& display_name,
+                         uint32_t domain_id, const SchemaSnapshot& snapshot);
+  void CreateDataFile(DomainState& state);
+  void WriteSchemaJson(DomainState& state, const SchemaSnapshot& snapshot);
+  void WriteMetadataJson(DomainState& state, const SchemaSnapshot& snapshot);
+  std::string SchemaDir() const { return config_.root + "/schema"; }
+  std::string MetadataDir() const { return config_.root + "/metadata"; }
+
+  Config config_;
+  std::atomic<bool> stopped_{false};
+  std::atomic<bool> started_{false};
+  IoUringWriter writer_;
+  // Keeps the data under data_size_limit; fed with every file closed by rotation.
+  DiskRetention retention_;
+  std::vector<iovec> iovec_pool_;
+  uint64_t pool_slots_ = 0;
+  mutable std::mutex pool_mutex_;
+  std::vector<Shard> shards_;
+};
+
+}  // namespace dtl::ipfix
