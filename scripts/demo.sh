@@ -3,7 +3,7 @@
 # stand-in switch (quil-mock) on loopback, runs the collector in dtl-host
 # for about ten seconds against it, and shows what happened: the switch
 # configured over HTTPS and cleaned up again, the IPFIX it streamed, the
-# sessions the collector decoded.
+# sessions the collector decoded, and a summary of the data it stored.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${DEMO_SECONDS:-10}
@@ -34,7 +34,7 @@ echo "   switch REST API on https://127.0.0.1:$switch_port, IPFIX to UDP port $i
 echo "== running the collector in dtl-host for $seconds s"
 DTL_API_LOG_LEVEL=${DTL_API_LOG_LEVEL:-6} build/bin/dtl-host \
   -o ipfix-receiver-port="$ipfix_port" -o ipfix-receiver-workers=2 \
-  -o collector-ip=127.0.0.1 \
+  -o collector-ip=127.0.0.1 -o ipfix-data-path="$work/data" \
   -o switch-ip=127.0.0.1 -o switch-port="$switch_port" \
   -o switch-interfaces=Ethernet1_1,Ethernet1_2 \
   -o switch-counters=tx-byte,rx-byte,tx-packet,rx-packet \
@@ -61,3 +61,13 @@ print("collector: " + (final[-1] if final else "no final statistics line"))
 for line in re.findall(r"created session for .*", log):
     print("   " + line)
 PY
+
+echo
+echo "== stored data under $work/data"
+find "$work/data" -type f | sort | sed "s|^$work/data/|   |"
+mapfile -t files < <(find "$work/data" -name '*.bin' | sort)
+if ((${#files[@]} > 0)); then
+  build/bin/dtl-read --summary "${files[@]}"
+else
+  echo "no data files were stored"
+fi
