@@ -2,7 +2,16 @@
 # Installs every Debian package that the build, the tests, the tools and the
 # demo need. Quick when everything is already present: apt is only called for
 # packages that dpkg does not report as installed.
+#
+# With ARM64=1 in the environment or the argument --arm64 it also installs
+# what the aarch64 cross build and its emulated tests need: the cross
+# compiler, qemu user-mode emulation and the arm64 multiarch -dev packages.
 set -euo pipefail
+
+arm64=${ARM64:-0}
+for arg in "$@"; do
+  [[ "$arg" == "--arm64" ]] && arm64=1
+done
 
 packages=(
   build-essential g++ cmake ninja-build pkg-config
@@ -12,11 +21,26 @@ packages=(
   clang libclang-rt-14-dev
   python3 curl ca-certificates
 )
+if [[ "$arm64" == 1 ]]; then
+  # nlohmann-json3-dev is architecture independent: the host's copy serves.
+  packages+=(
+    g++-aarch64-linux-gnu qemu-user-static
+    libboost-dev:arm64 libboost-filesystem-dev:arm64 libboost-system-dev:arm64
+    libboost-date-time-dev:arm64 liburing-dev:arm64 libcurl4-openssl-dev:arm64
+    libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
+  )
+fi
 
+# A name without ":arch" means the native architecture (or "all"): once arm64
+# is a foreign architecture, dpkg lists one line per installed architecture.
+native=$(dpkg --print-architecture)
 missing=()
 for p in "${packages[@]}"; do
-  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
-  [[ "$status" == "install ok installed" ]] || missing+=("$p")
+  name=${p%%:*}
+  arch=$native
+  [[ "$p" == *:* ]] && arch=${p#*:}
+  status=$(dpkg-query -W -f='${Architecture} ${Status}\n' "$name" 2>/dev/null || true)
+  grep -qE "^($arch|all) install ok installed$" <<<"$status" || missing+=("$p")
 done
 
 if ((${#missing[@]} == 0)); then
@@ -27,5 +51,8 @@ echo "install-deps: installing ${missing[*]}"
 SUDO=""
 if [[ $(id -u) -ne 0 ]]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
+if [[ "$arm64" == 1 ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  $SUDO dpkg --add-architecture arm64
+fi
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
