@@ -1,5 +1,7 @@
 #include "ipfix/ipfix_disk_writer.h"
 
+#include "ipfix/ipfix_session.h"
+
 #include <arpa/inet.h>
 #include <sched.h>
 
@@ -99,22 +101,6 @@ IpfixDiskWriter::PageSizing IpfixDiskWriter::ComputePageSizing(uint32_t block_si
   if (!s.header_aligned) s.hdr_blocks = 1;
   s.header_size = kHeaderSize + static_cast<uint64_t>(s.hdr_blocks) * block_size;
   return s;
-}
-
-std::string IpfixDiskWriter::SessionKeyText(const std::string& key) {
-  if (key.size() <= 9) return "<invalid:size=" + std::to_string(key.size()) + ">";
-  const size_t ip_len = key.size() - 6;
-  if (ip_len != 4 && ip_len != 16) return "<invalid:ip_len=" + std::to_string(ip_len) + ">";
-  const auto* bytes = reinterpret_cast<const uint8_t*>(key.data());
-  char address[INET6_ADDRSTRLEN] = {};
-  if (inet_ntop(ip_len == 4 ? AF_INET : AF_INET6, bytes + 6, address, sizeof(address)) == nullptr)
-    return "<invalid:inet_ntop_failed>";
-  uint16_t port_be;
-  uint32_t domain;
-  std::memcpy(&port_be, bytes, sizeof(port_be));
-  std::memcpy(&domain, bytes + 2, sizeof(domain));
-  return std::string(address) + ":" + std::to_string(ntohs(port_be)) + "/domain_" +
-         std::to_string(domain);
 }
 
 IpfixDiskWriter::IpfixDiskWriter(const Config& config)
@@ -258,7 +244,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
     if (log)
       DTL_LOG_WARNING(
           "[IPFIX disk writer] AcquireRecordValueSlot: no state for session=%s worker=%zu (drop #%llu)",
-          SessionKeyText(key).c_str(), worker_id, n);
+          SessionDisplayName(key).c_str(), worker_id, n);
     return nullptr;
   }
   DomainState& s = *state;
@@ -268,7 +254,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
       DTL_LOG_WARNING(
           "[IPFIX disk writer] AcquireRecordValueSlot: session=%s not ready (data_file=%d "
           "block_size=%u buf=%d) (drop #%llu)",
-          SessionKeyText(key).c_str(), s.data_file ? 1 : 0, s.block_size,
+          SessionDisplayName(key).c_str(), s.data_file ? 1 : 0, s.block_size,
           (s.buf[0] != nullptr && s.header_page != nullptr) ? 1 : 0, n);
     return nullptr;
   }
@@ -284,7 +270,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
       if (log)
         DTL_LOG_WARNING(
             "[IPFIX disk writer] AcquireRecordValueSlot: active buffer in flight session=%s (drop #%llu)",
-            SessionKeyText(key).c_str(), n);
+            SessionDisplayName(key).c_str(), n);
       return nullptr;
     }
     block = s.buf[s.active] + static_cast<uint64_t>(s.count) * s.block_size;
@@ -299,7 +285,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
           "[IPFIX disk writer] AcquireRecordValueSlot: values_size=%zu exceeds values_capacity=%zu "
           "(block_size=%u) session=%s (drop #%llu)",
           static_cast<size_t>(values_size), static_cast<size_t>(capacity), s.block_size,
-          SessionKeyText(key).c_str(), n);
+          SessionDisplayName(key).c_str(), n);
     return nullptr;
   }
   std::memset(block + kBlockHeaderSize + values_size, 0, capacity - values_size);
@@ -336,7 +322,7 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
     auto [n, log] = g_record_no_state.Next();
     if (log)
       DTL_LOG_WARNING("[IPFIX disk writer] ProcessRecord: no state for session=%s worker=%zu (drop #%llu)",
-                      SessionKeyText(key).c_str(), worker_id, n);
+                      SessionDisplayName(key).c_str(), worker_id, n);
     return;
   }
   DomainState& s = *state;
@@ -346,7 +332,7 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
       DTL_LOG_WARNING(
           "[IPFIX disk writer] ProcessRecord: session=%s not ready (data_file=%d block_size=%u "
           "buf=%d) (drop #%llu)",
-          SessionKeyText(key).c_str(), s.data_file ? 1 : 0, s.block_size,
+          SessionDisplayName(key).c_str(), s.data_file ? 1 : 0, s.block_size,
           (s.buf[0] != nullptr && s.header_page != nullptr) ? 1 : 0, n);
     return;
   }
@@ -381,7 +367,7 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
 
 void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
   DTL_LOG_INFO("[IPFIX disk writer] RemoveSession: worker=%zu session=%s", worker_id,
-               SessionKeyText(key).c_str());
+               SessionDisplayName(key).c_str());
   if (worker_id >= shards_.size()) return;
   Shard& shard = shards_[worker_id];
   auto it = shard.find(key);

@@ -127,8 +127,6 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   // replaced, so that both JSON files stay valid and agree on the names.
   static std::vector<CounterEntry> BuildCounterEntries(const std::vector<FlatFieldInfo>& flat_fields);
 
-  // Printable form of a session key: "address:port/domain_N".
-  static std::string SessionKeyText(const std::string& key);
 
   explicit IpfixDiskWriter(const Config& config);
   ~IpfixDiskWriter() override;

@@ -10,9 +10,15 @@ namespace dtl::ipfix {
 
 namespace {
 
+bool SameFields(const ParsedTemplate& a, const ParsedTemplate& b) {
+  return a.template_id == b.template_id && a.fields == b.fields;
+}
+
+}  // namespace
+
 // Key layout: bytes 0-1 port (network order), 2-5 domain (host order), then
 // the 4- or 16-byte address.
-std::string MakeDisplayName(const std::string& key) {
+std::string SessionDisplayName(const std::string& key) {
   if (key.size() < 10) return "<invalid:size=" + std::to_string(key.size()) + ">";
   const size_t ip_len = key.size() - 6;
   if (ip_len != 4 && ip_len != 16) return "<invalid:ip_len=" + std::to_string(ip_len) + ">";
@@ -29,14 +35,8 @@ std::string MakeDisplayName(const std::string& key) {
          std::to_string(domain);
 }
 
-bool SameFields(const ParsedTemplate& a, const ParsedTemplate& b) {
-  return a.template_id == b.template_id && a.fields == b.fields;
-}
-
-}  // namespace
-
 IpfixSession::IpfixSession(const std::string& key, size_t worker_id, IpfixSessionSink* sink)
-    : key_(key), display_name_(MakeDisplayName(key)), worker_id_(worker_id), sink_(sink) {
+    : key_(key), display_name_(SessionDisplayName(key)), worker_id_(worker_id), sink_(sink) {
   // Sized once so that reading records never allocates.
   record_fields_.reserve(64);
 }

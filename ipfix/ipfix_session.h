@@ -47,6 +47,10 @@ struct ExtractionPlan {
   bool has_variable_length = false;
 };
 
+// "address:port/domain_N" for a session key string (the key's significant
+// bytes): how sessions are named in log lines.
+std::string SessionDisplayName(const std::string& key);
+
 class IpfixSession {
  public:
   // Template IDs of the exporter's protocol.

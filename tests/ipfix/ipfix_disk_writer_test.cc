@@ -204,17 +204,6 @@ TEST(DiskWriterPageSizing, FollowsTheBlockSizeTable) {
   EXPECT_EQ(IpfixDiskWriter::ComputePageSizing(256, 5000).batch_capacity, 5008u);
 }
 
-TEST(DiskWriterKeys, PrintLikeSessionNames) {
-  EXPECT_EQ(IpfixDiskWriter::SessionKeyText(Key("192.0.2.1", 4739, 7)), "192.0.2.1:4739/domain_7");
-  std::string v6(22, '\0');
-  const uint16_t port_be = htons(9);
-  std::memcpy(&v6[0], &port_be, 2);
-  inet_pton(AF_INET6, "2001:db8::1", &v6[6]);
-  EXPECT_EQ(IpfixDiskWriter::SessionKeyText(v6), "2001:db8::1:9/domain_0");
-  EXPECT_EQ(IpfixDiskWriter::SessionKeyText("abc"), "<invalid:size=3>");
-  EXPECT_EQ(IpfixDiskWriter::SessionKeyText(std::string(12, 'x')), "<invalid:ip_len=6>");
-}
-
 TEST_F(DiskWriterTest, PublishesSchemaAndCompactMetadata) {
   LogCapture log;
   auto w = StartWriter();
