@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/free_udp_port.h"
 #include "dtl_logger.h"
 #include "ipfix/ipfix_session_sink.h"
 
@@ -111,18 +112,7 @@ inline bool WaitFor(const std::function<bool()>& cond) {
 }
 
 // A UDP port that was free a moment ago.
-inline uint16_t FreeUdpPort() {
-  int fd = socket(AF_INET6, SOCK_DGRAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  address.sin6_addr = in6addr_any;
-  socklen_t length = sizeof(address);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    ADD_FAILURE() << "cannot find a free UDP port";
-  if (fd >= 0) close(fd);
-  return ntohs(address.sin6_port);
-}
+using dtl_test::FreeUdpPort;
 
 // A loopback sender on a dual-stack socket: bound to "::ffff:127.0.0.1" it
 // sends over IPv4, bound to "::1" over native IPv6.

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "support/free_udp_port.h"
 #include "dtl_dict.h"
 #include "dtl_event_provider.h"
 #include "dtl_logger.h"
@@ -23,19 +24,7 @@
 namespace provider_test {
 
 // A UDP port nobody is bound to right now (the kernel picks it).
-inline uint16_t FreeUdpPort() {
-  const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  address.sin6_addr = in6addr_any;
-  socklen_t length = sizeof(address);
-  uint16_t port = 0;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin6_port);
-  if (fd >= 0) close(fd);
-  return port;
-}
+using dtl_test::FreeUdpPort;
 
 class LogCapture {
  public:

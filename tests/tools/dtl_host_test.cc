@@ -19,25 +19,15 @@
 
 #include <gtest/gtest.h>
 
+#include "support/free_udp_port.h"
+
 extern char** environ;
 
 namespace {
 
 const std::string kHost = DTL_BINARY_DIR "/bin/dtl-host";
 
-uint16_t FreeUdpPort() {
-  const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  address.sin6_addr = in6addr_any;
-  socklen_t length = sizeof(address);
-  uint16_t port = 0;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin6_port);
-  if (fd >= 0) close(fd);
-  return port;
-}
+using dtl_test::FreeUdpPort;
 
 // One run of dtl-host with stdout and stderr in separate files.
 class HostRun {

@@ -22,6 +22,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/free_udp_port.h"
+
 extern char** environ;
 
 namespace {
@@ -29,18 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
-uint16_t FreeUdpPort() {
-  const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  socklen_t length = sizeof(address);
-  uint16_t port = 0;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin6_port);
-  if (fd >= 0) close(fd);
-  return port;
-}
+using dtl_test::FreeUdpPort;
 
 // A child process with its output in a file; killed if still running at the end.
 class Child {
