@@ -10,9 +10,12 @@
 #include <boost/filesystem.hpp>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <locale>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -49,6 +52,38 @@ std::string FormatUtc(std::string const& format, uint64_t timestamp_us) {
   return out.str();
 }
 
+// Paths of the data files open in this process. Two sessions can build the
+// same path (one switch exporting several observation domains starts them
+// in the same microsecond); appending both to one file would interleave
+// blocks of different sessions, so the second one gets a distinct name.
+std::mutex open_paths_mutex;
+std::set<std::string> open_paths;
+
+// Reserves the first of path, "<stem>-2<extension>", "-3", ... that no
+// other data file holds open and that usable accepts.
+std::string ClaimPath(std::string const& path,
+                      std::function<bool(std::string const&)> const& usable) {
+  std::lock_guard<std::mutex> lock(open_paths_mutex);
+  const fs::path wanted(path);
+  const std::string stem = (wanted.parent_path() / wanted.stem()).string();
+  const std::string extension = wanted.extension().string();
+  for (unsigned n = 1;; ++n) {
+    std::string candidate = n == 1 ? path : stem + "-" + std::to_string(n) + extension;
+    if (open_paths.count(candidate) != 0 || !usable(candidate)) continue;
+    open_paths.insert(candidate);
+    if (n > 1)
+      DTL_LOG_INFO("[async_data_file] %s is in use or holds other data; using %s", path.c_str(),
+                   candidate.c_str());
+    return candidate;
+  }
+}
+
+void ReleasePath(std::string const& path) {
+  if (path.empty()) return;
+  std::lock_guard<std::mutex> lock(open_paths_mutex);
+  open_paths.erase(path);
+}
+
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
 };
@@ -78,6 +113,7 @@ AsyncDataFile::~AsyncDataFile() {
   } catch (...) {
     DTL_LOG_ERROR("[async_data_file] closing %s failed", data_file_name_.c_str());
   }
+  ReleasePath(data_file_name_);
 }
 
 void AsyncDataFile::SettingChanged() {
@@ -159,6 +195,7 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
     UpdateFileHeader();
     if (closed_size != nullptr) *closed_size = static_cast<long>(written_bytes);
     closed = data_file_name_;
+    ReleasePath(data_file_name_);
   }
 
   first_timestamp_ = first_ts;
@@ -167,6 +204,12 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
   written_bytes = 0;
 
   data_file_name_ = BuildFilePath();
+  // An existing file is continued only when its blocks are the ones this
+  // file would write: same block size and counters schema.
+  if (!data_file_name_.empty())
+    data_file_name_ = ClaimPath(data_file_name_, [this](std::string const& path) {
+      return CanContinue(path);
+    });
   DTL_LOG_DEBUG("[async_data_file] Rotate: new file path %s (first_ts=%lu)",
                 data_file_name_.c_str(), first_ts);
   if (data_file_name_.empty()) return closed;
@@ -189,6 +232,7 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
                     e.what());
       report_errors_ = false;
     }
+    ReleasePath(data_file_name_);
     data_file_name_.clear();
     return closed;
   }
@@ -200,9 +244,23 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
                     strerror(error));
       report_errors_ = false;
     }
+    ReleasePath(data_file_name_);
     data_file_name_.clear();
   }
   return closed;
+}
+
+bool AsyncDataFile::CanContinue(std::string const& path) const {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return true;  // a new file
+  if (!S_ISREG(status.st_mode)) return false;
+  if (status.st_size == 0) return true;
+  FilePtr file(fopen(path.c_str(), "rb"));
+  dtl_data_file_header_t header{};
+  if (!file || fread(&header, sizeof header, 1, file.get()) != 1) return false;
+  return dtl_data_file_header_is_valid(&header) && header.block_size == block_size_ &&
+         std::memcmp(header.counters_schema_id, counters_schema_id_,
+                     sizeof header.counters_schema_id) == 0;
 }
 
 void AsyncDataFile::ForceRotation() {
@@ -212,6 +270,7 @@ void AsyncDataFile::ForceRotation() {
     CloseFd();
     UpdateFileHeader();
   }
+  ReleasePath(data_file_name_);
   data_file_name_.clear();
 }
 
@@ -381,7 +440,8 @@ bool AsyncDataFile::UpdateFileHeader() {
   }
   if (header.first_timestamp == 0) header.first_timestamp = first_timestamp_;
   header.file_size = static_cast<uint64_t>(written_bytes);
-  header.last_timestamp = last_timestamp_;
+  // A continued file closed before this run wrote to it keeps its own end.
+  if (last_timestamp_ != 0) header.last_timestamp = last_timestamp_;
   errno = 0;
   if (fseek(file.get(), 0, SEEK_SET) != 0 || fwrite(&header, sizeof header, 1, file.get()) != 1 ||
       fflush(file.get()) != 0) {

@@ -97,6 +97,9 @@ class AsyncDataFile {
 
  private:
   std::string BuildFilePath();
+  // Whether the file at path may take this file's blocks: it does not exist,
+  // is empty, or has a valid header with the same block size and schema.
+  bool CanContinue(std::string const& path) const;
   void HandleHash(std::string& path) const;
   std::string EnsurePathExists(std::string const& path) const;
   bool CreateFile();

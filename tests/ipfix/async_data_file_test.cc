@@ -252,6 +252,33 @@ TEST_F(AsyncDataFileTest, ExistingFileIsContinued) {
   EXPECT_EQ(again->written_bytes, 4096);
   EXPECT_EQ(log_.Count("appending to existing file"), 1u);
   EXPECT_EQ(ReadHeader(path).last_timestamp, kT0 + 7) << "header untouched at open";
+
+  // A second live session building the same path must not share the file.
+  auto twin = Make();
+  twin->Rotate(kT0, nullptr);
+  EXPECT_EQ(twin->data_file_name(),
+            root_ + "/2024/0501/leaf1/ipfix_" + std::to_string(kT0) + "-2.bin");
+  EXPECT_EQ(twin->written_bytes, 0);
+  auto third = Make();
+  third->Rotate(kT0, nullptr);
+  EXPECT_EQ(third->data_file_name(),
+            root_ + "/2024/0501/leaf1/ipfix_" + std::to_string(kT0) + "-3.bin");
+  // Once the holder closes, its name is free again and is continued.
+  again.reset();
+  third->ForceRotation();
+  third->Rotate(kT0, nullptr);
+  EXPECT_EQ(third->data_file_name(), path);
+  EXPECT_EQ(third->written_bytes, 4096);
+  third.reset();
+  twin.reset();
+
+  // Blocks of another size (or schema) never go behind that file's header.
+  auto resized = Make();
+  resized->setBlockSize(4096);
+  resized->Rotate(kT0, nullptr);
+  EXPECT_EQ(resized->data_file_name(),
+            root_ + "/2024/0501/leaf1/ipfix_" + std::to_string(kT0) + "-2.bin");
+  EXPECT_EQ(ReadHeader(path).last_timestamp, kT0 + 7);
 }
 
 TEST_F(AsyncDataFileTest, DirectWritesLandAtOffsetsAndHeaderIsRewritten) {

@@ -1,27 +1,19 @@
 // dtl-host run as a program: help, usage errors, a timed run against the
 // built plug-in, a stop by SIGTERM, and a plug-in that cannot be loaded.
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/child_process.h"
 #include "support/free_udp_port.h"
-
-extern char** environ;
 
 namespace {
 
@@ -32,29 +24,12 @@ using dtl_test::FreeUdpPort;
 // One run of dtl-host with stdout and stderr in separate files.
 class HostRun {
  public:
-  explicit HostRun(std::vector<std::string> args) {
-    char pattern[] = "/tmp/dtl_host_test_XXXXXX";
-    if (mkdtemp(pattern) == nullptr) return;
-    dir_ = pattern;
+  explicit HostRun(std::vector<std::string> args) : dir_(MakeDir()) {
     args.insert(args.begin(), kHost);
-    std::vector<char*> argv;
-    for (auto& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, (dir_ + "/out").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, (dir_ + "/err").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (posix_spawn(&pid_, kHost.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    if (!dir_.empty()) child_ = std::make_unique<dtl_test::ChildProcess>(args, dir_ + "/out", dir_ + "/err");
   }
   ~HostRun() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    child_.reset();
     std::error_code ignored;
     if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
   }
@@ -63,44 +38,26 @@ class HostRun {
 
   // Exit status, or -1 when the program did not end within the limit.
   int Wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return -1;
+    return child_ ? child_->Wait(limit) : -1;
   }
-
   // Waits until stdout contains text; false when the limit passes first.
   bool WaitForOutput(const std::string& text, std::chrono::seconds limit = std::chrono::seconds(30)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (Out().find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return dtl_test::WaitForText(dir_ + "/out", text, limit);
   }
-
   void Signal(int signo) {
-    if (pid_ > 0) kill(pid_, signo);
+    if (child_) child_->Signal(signo);
   }
-  std::string Out() const { return Read("/out"); }
-  std::string Err() const { return Read("/err"); }
+  std::string Out() const { return dtl_test::ReadTextFile(dir_ + "/out"); }
+  std::string Err() const { return dtl_test::ReadTextFile(dir_ + "/err"); }
 
  private:
-  std::string Read(const char* name) const {
-    std::ifstream in(dir_ + name);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+  static std::string MakeDir() {
+    char pattern[] = "/tmp/dtl_host_test_XXXXXX";
+    return mkdtemp(pattern) == nullptr ? std::string() : std::string(pattern);
   }
 
   std::string dir_;
-  pid_t pid_ = -1;
+  std::unique_ptr<dtl_test::ChildProcess> child_;
 };
 
 }  // namespace

@@ -473,7 +473,7 @@ SimOptionsResult Parse(std::vector<const char*> args, SimConfig& config, std::st
 TEST(HftSimOptions, ReadsEveryOption) {
   SimConfig config;
   std::string error;
-  ASSERT_EQ(Parse({"--target", "[::1]:9999", "-n", "leaf1", "-d", "7", "-e", "3", "-i", "Eth1,Eth2", "-c", "a,b",
+  ASSERT_EQ(Parse({"--target", "[::1]:9999", "-n", "leaf1", "-d", "7", "-e", "3", "--source-port", "40000", "-i", "Eth1,Eth2", "-c", "a,b",
                    "--traffic-classes", "q0,q1,q2", "--counters-per-template", "5", "--interval-us", "50", "-r",
                    "2000.5", "-s", "100", "-D", "1.5", "--datagram", "sample", "--announce-period", "0", "--loss",
                    "0.1", "--loss-every", "9", "--reorder", "0.2", "--seed", "42", "--start-time", "1700000000.5",
@@ -485,6 +485,7 @@ TEST(HftSimOptions, ReadsEveryOption) {
   EXPECT_EQ(config.switch_name, "leaf1");
   EXPECT_EQ(config.observation_domain, 7u);
   EXPECT_EQ(config.exporters, 3u);
+  EXPECT_EQ(config.source_port, 40000u);
   EXPECT_EQ(config.interfaces, (std::vector<std::string>{"Eth1", "Eth2"}));
   EXPECT_EQ(config.counter_names, (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(config.traffic_classes, (std::vector<std::string>{"q0", "q1", "q2"}));
@@ -530,6 +531,8 @@ TEST(HftSimOptions, RejectsBadInput) {
       {"-t", "host:65536"},
       {"-e", "0"},
       {"-d", "4294967295", "-e", "2"},
+      {"--source-port", "65535", "-e", "2"},
+      {"--source-port", "65536"},
       {"-c", "a,,b"},
       {"-c", ""},
       {"-i", "0"},

@@ -2,12 +2,7 @@
 // data-size limit for about 30 s. Sampled every 100 ms, the data under the
 // root never exceeds the limit by more than one file per session, and files
 // that are not data files are never deleted.
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,9 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/child_process.h"
 #include "support/free_udp_port.h"
-
-extern char** environ;
 
 namespace {
 
@@ -32,50 +26,7 @@ namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
 using dtl_test::FreeUdpPort;
-
-// A child process with its output in a file; killed if still running at the end.
-class Child {
- public:
-  Child(std::vector<std::string> args, const fs::path& log) {
-    std::vector<char*> argv;
-    for (auto& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-  }
-  ~Child() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  bool Running() {
-    if (pid_ <= 0) return false;
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) != pid_) return true;
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    pid_ = -1;
-    return false;
-  }
-  // Exit status, or -1 when it did not end within the limit.
-  int Wait(std::chrono::seconds limit) {
-    const auto deadline = steady_clock::now() + limit;
-    while (Running() && steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return pid_ > 0 ? -1 : status_;
-  }
-  void Signal(int signo) {
-    if (pid_ > 0) kill(pid_, signo);
-  }
-
- private:
-  pid_t pid_ = -1;
-  int status_ = -1;
-};
+using Child = dtl_test::ChildProcess;
 
 // Total size of the data files under root; *largest_file gets the largest one.
 uint64_t DataBytes(const fs::path& root, uint64_t* largest_file) {
@@ -94,10 +45,7 @@ uint64_t DataBytes(const fs::path& root, uint64_t* largest_file) {
   return total;
 }
 
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::string ReadFile(const fs::path& path) { return dtl_test::ReadTextFile(path.string()); }
 
 TEST(RetentionSoak, DataStaysUnderTheLimitWhileStreaming) {
   char pattern[] = "/tmp/retention_soak_XXXXXX";
@@ -120,7 +68,7 @@ TEST(RetentionSoak, DataStaysUnderTheLimitWhileStreaming) {
               "ipfix-disk-file-size-limit=" + std::to_string(kFileLimit), "-o",
               "ipfix-disk-data-size-limit=" + std::to_string(kDataLimit), "-o", "ipfix-disk-batch-count=64",
               "--duration", "60"},
-             dir / "host.log");
+             (dir / "host.log").string());
   // The host is listening once it has printed its sources.
   const auto ready_by = steady_clock::now() + std::chrono::seconds(20);
   while (ReadFile(dir / "host.log").find("source 0") == std::string::npos && steady_clock::now() < ready_by)
@@ -133,7 +81,7 @@ TEST(RetentionSoak, DataStaysUnderTheLimitWhileStreaming) {
     return std::make_unique<Child>(
         std::vector<std::string>{DTL_BINARY_DIR "/bin/hft-sim", "--target", "127.0.0.1:" + std::to_string(port),
                                  "--switch-name", name, "--interfaces", "16", "--rate", "4000", "--duration", "30"},
-        dir / (name + ".log"));
+        (dir / (name + ".log")).string());
   };
   auto sim1 = simulator("leaf-1");
   auto sim2 = simulator("leaf-2");

@@ -306,7 +306,7 @@ SimRunResult HftSimulator::Run() {
     return result;
   }
   UdpSender sender;
-  if (!sender.Open(target.host, target.port, config_.exporters, result.error)) return result;
+  if (!sender.Open(target.host, target.port, config_.exporters, config_.source_port, result.error)) return result;
 
   const uint64_t dropped_before = fragments_dropped_;
   const uint64_t swaps_before = fragment_swaps_;

@@ -83,6 +83,8 @@ std::string SimConfig::Validate() const {
   if (switch_name.size() > kMaxNameLength) return "switch name longer than 1000 bytes";
   if (exporters == 0) return "at least one exporter is needed";
   if (uint64_t{observation_domain} + exporters - 1 > UINT32_MAX) return "observation domain + exporters exceeds 32 bits";
+  if (source_port != 0 && uint64_t{source_port} + exporters - 1 > UINT16_MAX)
+    return "source port + exporters exceeds 65535";
   if (interfaces.empty() && interface_count == 0) return "at least one interface is needed";
   if (std::string error = CheckNames(interfaces, "interface name"); !error.empty()) return error;
   if (counter_names.empty()) return "at least one counter name is needed";

@@ -32,6 +32,10 @@ struct SimConfig {
   uint32_t observation_domain = 1;
   // Each exporter has its own source socket and domain observation_domain + index.
   uint32_t exporters = 1;
+  // Local UDP port of the first exporter (the next ones count up from it);
+  // 0 lets the kernel choose. A fixed port lets a later run continue the
+  // same session at the collector, as a switch that restarts does.
+  uint16_t source_port = 0;
   // Interface names; when empty, interface_count names Ethernet1/1..Ethernet1/N.
   std::vector<std::string> interfaces;
   uint32_t interface_count = 4;

@@ -24,6 +24,7 @@ enum LongOnly : int {
   kPerTemplate,
   kIntervalUs,
   kLoss,
+  kSourcePort,
 };
 
 const option kOptions[] = {
@@ -32,6 +33,7 @@ const option kOptions[] = {
     {"switch-name", required_argument, nullptr, 'n'},
     {"domain", required_argument, nullptr, 'd'},
     {"exporters", required_argument, nullptr, 'e'},
+    {"source-port", required_argument, nullptr, kSourcePort},
     {"interfaces", required_argument, nullptr, 'i'},
     {"counters", required_argument, nullptr, 'c'},
     {"traffic-classes", required_argument, nullptr, kTrafficClasses},
@@ -109,6 +111,8 @@ bool Apply(int code, const char* arg, SimConfig& config) {
       return ParseInto(arg, config.observation_domain);
     case 'e':
       return ParseInto(arg, config.exporters);
+    case kSourcePort:
+      return ParseInto(arg, config.source_port);
     case 'i':
       // A plain number is a count of generated names, anything else a list.
       if (*arg >= '0' && *arg <= '9' && ParseInto(arg, config.interface_count)) {
@@ -232,6 +236,10 @@ Target and identity:
   -d, --domain N                observation domain of the first exporter (default 1)
   -e, --exporters N             exporters, each with its own UDP source port and
                                 domain = domain + index (default 1)
+      --source-port N           UDP source port of the first exporter, the next
+                                ones N+1, ... (default: chosen by the kernel); a
+                                later run with the same port and domain
+                                continues the same session at the collector
 
 Counters:
   -i, --interfaces LIST|N       interface names separated by commas, or a count N

@@ -29,6 +29,33 @@ std::string AddressText(const sockaddr_storage& address) {
   return std::string(text) + ":" + std::to_string(ntohs(v4->sin_port));
 }
 
+// Binds fd to the wildcard address of its family at port. SO_REUSEADDR lets
+// a run that follows another take the same port at once.
+bool BindSourcePort(int fd, int family, uint16_t port, std::string& error) {
+  const int on = 1;
+  (void)::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  sockaddr_storage local{};
+  socklen_t length = 0;
+  if (family == AF_INET6) {
+    auto* v6 = reinterpret_cast<sockaddr_in6*>(&local);
+    v6->sin6_family = AF_INET6;
+    v6->sin6_addr = in6addr_any;
+    v6->sin6_port = htons(port);
+    length = sizeof(sockaddr_in6);
+  } else {
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&local);
+    v4->sin_family = AF_INET;
+    v4->sin_addr.s_addr = htonl(INADDR_ANY);
+    v4->sin_port = htons(port);
+    length = sizeof(sockaddr_in);
+  }
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&local), length) != 0) {
+    error = "cannot bind source port " + std::to_string(port) + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 UdpSender::~UdpSender() { Close(); }
@@ -38,7 +65,8 @@ void UdpSender::Close() {
   fds_.clear();
 }
 
-bool UdpSender::Open(const std::string& host, uint16_t port, size_t sockets, std::string& error) {
+bool UdpSender::Open(const std::string& host, uint16_t port, size_t sockets, uint16_t source_port,
+                     std::string& error) {
   Close();
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -68,6 +96,10 @@ bool UdpSender::Open(const std::string& host, uint16_t port, size_t sockets, std
     int size = kSendBufferBytes;
     // Best effort: the kernel caps it at its configured maximum.
     (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    if (source_port != 0 && !BindSourcePort(fd, family, static_cast<uint16_t>(source_port + i), error)) {
+      Close();
+      return false;
+    }
   }
   return true;
 }

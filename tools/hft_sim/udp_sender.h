@@ -31,8 +31,10 @@ class UdpSender {
   UdpSender& operator=(const UdpSender&) = delete;
 
   // Resolves host and port (numeric or by name) and opens one socket per
-  // exporter for the address family of the result. False with a reason.
-  bool Open(const std::string& host, uint16_t port, size_t sockets, std::string& error);
+  // exporter for the address family of the result; socket i is bound to
+  // source_port + i unless source_port is 0. False with a reason.
+  bool Open(const std::string& host, uint16_t port, size_t sockets, uint16_t source_port,
+            std::string& error);
   void Close();
 
   // Sends every datagram on the given socket, in order. A datagram the kernel
