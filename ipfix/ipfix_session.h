@@ -185,6 +185,11 @@ class IpfixSession {
   uint32_t sample_nanoseconds_ = 0;
   uint64_t expected_fragments_ = 0;
   uint64_t received_fragments_ = 0;
+  uint32_t received_slots_ = 0;  // bit i: template 300 + i is in the pending sample
+  // Sequence number of the message holding the pending sample's latest
+  // fragment, and how many of its fragments that message carried.
+  uint32_t pending_message_sequence_ = 0;
+  uint32_t pending_message_records_ = 0;
   bool sample_pending_ = false;
   uint8_t* pending_slot_ = nullptr;
 

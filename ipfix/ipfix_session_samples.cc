@@ -164,7 +164,7 @@ size_t IpfixSession::ExtractFieldByField(size_t slot, const uint8_t* data, size_
 
 void IpfixSession::ProcessCounterDataRecords(uint16_t set_id, const ParsedTemplate& /*tmpl*/,
                                              const uint8_t* body, size_t len, uint32_t /*export_time*/,
-                                             uint32_t /*sequence_number*/) {
+                                             uint32_t sequence_number) {
   // Samples that arrive before the schema is published have nowhere to go.
   if (!HasActiveSink() || !IsComplete()) return;
 
@@ -182,6 +182,36 @@ void IpfixSession::ProcessCounterDataRecords(uint16_t set_id, const ParsedTempla
                     display_name_.c_str(), static_cast<unsigned>(set_id));
       return;
     }
+    // Counting alone would let a late or reordered fragment of the next
+    // sample complete this one with foreign values; a template seen twice
+    // means the sample cannot be trusted.
+    // The fragments of one sample are consecutive data records. A message
+    // whose sequence number skips records means fragments were lost, and a
+    // continuation of the next sample (whose opening fragment was lost too)
+    // could otherwise complete this one. Exporters that leave the sequence
+    // number constant simply never trip this check.
+    if (sequence_number != pending_message_sequence_) {
+      if (sequence_number != pending_message_sequence_ + pending_message_records_) {
+        DTL_LOG_DEBUG("[IPFIX session] Session %s: sequence gap before template %u (expected %u, got %u), "
+                      "discarding the sample",
+                      display_name_.c_str(), static_cast<unsigned>(set_id),
+                      static_cast<unsigned>(pending_message_sequence_ + pending_message_records_),
+                      static_cast<unsigned>(sequence_number));
+        DropPendingSample();
+        return;
+      }
+      pending_message_sequence_ = sequence_number;
+      pending_message_records_ = 0;
+    }
+    ++pending_message_records_;
+    const uint32_t bit = 1u << slot;
+    if ((received_slots_ & bit) != 0) {
+      DTL_LOG_DEBUG("[IPFIX session] Session %s: template %u twice in one sample, discarding the sample",
+                    display_name_.c_str(), static_cast<unsigned>(set_id));
+      DropPendingSample();
+      return;
+    }
+    received_slots_ |= bit;
     ExtractCounterValues(slot, body, len, pending_slot_ + value_offsets_[slot], plans_[slot].counter_bytes,
                          nullptr, nullptr);
     ++received_fragments_;
@@ -215,6 +245,9 @@ void IpfixSession::ProcessCounterDataRecords(uint16_t set_id, const ParsedTempla
     pending_slot_ = values;
     ExtractCounterValues(0, body, len, values + value_offsets_[0], plan.counter_bytes, nullptr, nullptr);
     received_fragments_ = 1;
+    received_slots_ = 1;
+    pending_message_sequence_ = sequence_number;
+    pending_message_records_ = 1;
   }
 
   if (sample_pending_ && received_fragments_ == expected_fragments_) {
@@ -233,6 +266,9 @@ void IpfixSession::DropPendingSample() {
   sample_nanoseconds_ = 0;
   expected_fragments_ = 0;
   received_fragments_ = 0;
+  received_slots_ = 0;
+  pending_message_sequence_ = 0;
+  pending_message_records_ = 0;
   sample_pending_ = false;
   pending_slot_ = nullptr;
 }

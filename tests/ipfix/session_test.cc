@@ -429,6 +429,64 @@ TEST_F(SessionTest, OutOfOrderFragments) {
   EXPECT_EQ(sink.commits().size(), 1u);
 }
 
+// Loss of the last fragment plus a reordered next sample: the next sample's
+// 301 must not complete the pending one.
+TEST_F(SessionTest, TemplateTwiceInOneSampleDiscardsIt) {
+  AnnounceMeta();
+  Announce({{300, EightByteCounters(100, 2, true)},
+            {301, EightByteCounters(200, 1, false)},
+            {302, EightByteCounters(300, 1, false)}});
+  SendSwitchName("leaf1");
+  CompleteMetadata({300, 301, 302}, {2, 1, 1});
+  ASSERT_TRUE(session.IsComplete());
+
+  Send(300, Record(300, Opening(1, 0, 10, 2)));
+  Send(301, Record(301, {{11, 8}}));
+  Send(301, Record(301, {{21, 8}}));  // sample 2's, ahead of its 300
+  EXPECT_EQ(CountLines("template 301 twice in one sample, discarding the sample", DTL_LOG_LEVEL_DEBUG), 1u);
+  Send(300, Record(300, Opening(2, 0, 20, 2)));
+  Send(302, Record(302, {{22, 8}}));
+  EXPECT_TRUE(sink.commits().empty());
+
+  Send(300, Record(300, Opening(3, 0, 30, 2)));
+  Send(302, Record(302, {{32, 8}}));
+  Send(301, Record(301, {{31, 8}}));
+  ASSERT_EQ(sink.commits().size(), 1u);
+  EXPECT_EQ(Values(sink.commits()[0]), (std::vector<uint64_t>{30, 31, 31, 32}));
+}
+
+// One fragment per message, sequence numbers counting records: the last
+// fragment of one sample and the first of the next are lost, and the next
+// sample's continuation must not complete the pending one.
+TEST_F(SessionTest, SequenceGapDiscardsThePendingSample) {
+  AnnounceMeta();
+  Announce({{300, EightByteCounters(100, 1, true)},
+            {301, EightByteCounters(200, 1, false)},
+            {302, EightByteCounters(300, 1, false)}});
+  SendSwitchName("leaf1");
+  CompleteMetadata({300, 301, 302}, {1, 1, 1});
+  ASSERT_TRUE(session.IsComplete());
+
+  Send(300, Record(300, Opening(1, 0, 10, 1)), 10);
+  Send(301, Record(301, {{11, 8}}), 11);
+  // 302 (12) and the next sample's 300 (13) are lost.
+  Send(301, Record(301, {{21, 8}}), 14);
+  EXPECT_EQ(CountLines("sequence gap before template 301 (expected 12, got 14)", DTL_LOG_LEVEL_DEBUG), 1u);
+  Send(302, Record(302, {{22, 8}}), 15);
+  EXPECT_TRUE(sink.commits().empty());
+
+  Send(300, Record(300, Opening(3, 0, 30, 1)), 16);
+  Send(301, Record(301, {{31, 8}}), 17);
+  Send(302, Record(302, {{32, 8}}), 18);
+  // A whole sample in one message shares the message's sequence number.
+  Send(300, Record(300, Opening(4, 0, 40, 1)), 19);
+  Send(301, Record(301, {{41, 8}}), 19);
+  Send(302, Record(302, {{42, 8}}), 19);
+  ASSERT_EQ(sink.commits().size(), 2u);
+  EXPECT_EQ(Values(sink.commits()[0]), (std::vector<uint64_t>{30, 31, 32}));
+  EXPECT_EQ(Values(sink.commits()[1]), (std::vector<uint64_t>{40, 41, 42}));
+}
+
 TEST_F(SessionTest, DroppedSlotSkipsTheWholeSample) {
   SetUpTwoFragments();
   sink.set_drop_samples(true);
