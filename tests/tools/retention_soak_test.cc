@@ -71,9 +71,9 @@ TEST(RetentionSoak, DataStaysUnderTheLimitWhileStreaming) {
              (dir / "host.log").string());
   // The host is listening once it has printed its sources.
   const auto ready_by = steady_clock::now() + std::chrono::seconds(20);
-  while (ReadFile(dir / "host.log").find("source 0") == std::string::npos && steady_clock::now() < ready_by)
+  while (ReadFile(dir / "host.log").find("dtl-host: running") == std::string::npos && steady_clock::now() < ready_by)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ASSERT_NE(ReadFile(dir / "host.log").find("source 0"), std::string::npos) << ReadFile(dir / "host.log");
+  ASSERT_NE(ReadFile(dir / "host.log").find("dtl-host: running"), std::string::npos) << ReadFile(dir / "host.log");
 
   // Two switches (distinct names, so distinct files) x 96 counters x 4000
   // samples/s: about 6 MB/s, several times the limit over the run.
