@@ -6,11 +6,16 @@
 # With ARM64=1 in the environment or the argument --arm64 it also installs
 # what the aarch64 cross build and its emulated tests need: the cross
 # compiler, qemu user-mode emulation and the arm64 multiarch -dev packages.
+#
+# With --bench it also installs what only the end-to-end benchmark needs:
+# nfdump, whose nfcapd is the reference collector it is compared with.
 set -euo pipefail
 
 arm64=${ARM64:-0}
+bench=0
 for arg in "$@"; do
   [[ "$arg" == "--arm64" ]] && arm64=1
+  [[ "$arg" == "--bench" ]] && bench=1
 done
 
 packages=(
@@ -29,6 +34,10 @@ if [[ "$arm64" == 1 ]]; then
     libboost-date-time-dev:arm64 liburing-dev:arm64 libcurl4-openssl-dev:arm64
     libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
   )
+fi
+
+if [[ "$bench" == 1 ]]; then
+  packages+=(nfdump)
 fi
 
 # A name without ":arch" means the native architecture (or "all"): once arm64
