@@ -53,9 +53,12 @@ uint8_t* AlignedAlloc(uint64_t size) {
 }
 
 // Resets a block to an empty sample of the given time.
+// The same bytes as a framework reset followed by the sample time, without
+// the reset's clock read: this runs once per sample.
 void ResetBlock(uint8_t* block, uint64_t ts) {
   auto* data = reinterpret_cast<dtl_counters_data_t*>(block);
-  dtl_counters_data_reset(data);
+  dtl_magic_value_fill(data->header.magic, DTL_MAGIC_TYPE_DATA);
+  data->padding = 0;
   data->timestamp = ts;
 }
 
@@ -104,12 +107,15 @@ IpfixDiskWriter::PageSizing IpfixDiskWriter::ComputePageSizing(uint32_t block_si
 }
 
 IpfixDiskWriter::IpfixDiskWriter(const Config& config)
-    : config_(config), shards_(config.workers == 0 ? 1 : static_cast<size_t>(config.workers)) {
+    : config_(config),
+      shards_(config.workers == 0 ? 1 : static_cast<size_t>(config.workers)),
+      last_lookup_(shards_.size()) {
   for (Shard& shard : shards_) shard.max_load_factor(1.0f);
 }
 
 IpfixDiskWriter::~IpfixDiskWriter() {
   Stop();
+  last_lookup_.clear();
   shards_.clear();
 }
 
@@ -204,8 +210,15 @@ const IpfixDiskWriter::DomainState* IpfixDiskWriter::FindSession(size_t worker_i
 
 IpfixDiskWriter::DomainState* IpfixDiskWriter::Lookup(size_t worker_id, const std::string& key) {
   if (worker_id >= shards_.size()) return nullptr;
+  // Consecutive records nearly always belong to the session of the one
+  // before; comparing a short key beats hashing it.
+  LastLookup& last = last_lookup_[worker_id];
+  if (last.state != nullptr && last.key == key) return last.state;
   auto it = shards_[worker_id].find(key);
-  return it == shards_[worker_id].end() ? nullptr : it->second.get();
+  if (it == shards_[worker_id].end()) return nullptr;
+  last.key = key;
+  last.state = it->second.get();
+  return last.state;
 }
 
 // A session whose header page could not be allocated counts as not ready:
@@ -380,6 +393,7 @@ void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
   writer_.Drain();
   const std::string src = s.src;
   // The file closed here is found by retention's next start-up scan.
+  last_lookup_[worker_id] = LastLookup{};
   shard.erase(it);
   DTL_LOG_INFO("[IPFIX disk writer] Removed session %s", src.c_str());
 }

@@ -206,6 +206,13 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   uint64_t pool_slots_ = 0;
   mutable std::mutex pool_mutex_;
   std::vector<Shard> shards_;
+  // Per worker: the state found last, so a run of records of one session
+  // skips the hash lookup. Reset whenever that worker's shard loses an entry.
+  struct alignas(64) LastLookup {
+    std::string key;
+    DomainState* state = nullptr;
+  };
+  std::vector<LastLookup> last_lookup_;
 };
 
 }  // namespace dtl::ipfix

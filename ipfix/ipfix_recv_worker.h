@@ -117,6 +117,9 @@ class IpfixRecvWorker {
   std::array<iovec, kBatchSize> iovecs_{};
   int last_filled_ = static_cast<int>(kBatchSize);
   SessionTable sessions_;
+  // The session found last; null after any change that may erase it.
+  SessionKey last_key_{};
+  IpfixSession* last_session_ = nullptr;
   std::atomic<uint64_t> sessions_count_{0};
   std::atomic<uint64_t> packets_received_{0};
   std::atomic<uint64_t> parsed_{0};

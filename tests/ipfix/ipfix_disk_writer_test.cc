@@ -339,6 +339,11 @@ TEST_F(DiskWriterTest, RemoveSessionFlushesThePartialPage) {
   WriteSamples(*w, key, 30, 0, 20);
   w->RemoveSession(0, key);
   EXPECT_EQ(w->FindSession(0, key), nullptr);
+  // The same exporter again gets a fresh state, and its samples go there.
+  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  WriteSamples(*w, key, 30, 100, 5);
+  ASSERT_NE(w->FindSession(0, key), nullptr);
+  EXPECT_EQ(w->FindSession(0, key)->count, 5u);
 
   const auto files = DataFiles(root_);
   ASSERT_EQ(files.size(), 1u);
