@@ -20,56 +20,13 @@
 #include <vector>
 
 #include "support/free_udp_port.h"
+#include "support/log_capture.h"
 #include "dtl_logger.h"
 #include "ipfix/ipfix_session_sink.h"
 
 namespace recv_test {
 
-// Log lines as "<level> <text>", from any thread.
-class LogCapture {
- public:
-  LogCapture() {
-    Clear();
-    dtl_set_log_func(&LogCapture::Append, DTL_LOG_LEVEL_DEBUG);
-  }
-  ~LogCapture() { dtl_set_log_func(nullptr, DTL_LOG_LEVEL_ERROR); }
-
-  static void Clear() {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().clear();
-  }
-  static std::vector<std::string> Snapshot() {
-    std::lock_guard<std::mutex> lock(Mutex());
-    return Lines();
-  }
-  // Lines that contain needle.
-  static std::vector<std::string> Matching(const std::string& needle) {
-    std::vector<std::string> found;
-    for (const std::string& line : Snapshot())
-      if (line.find(needle) != std::string::npos) found.push_back(line);
-    return found;
-  }
-  static size_t Count(const std::string& needle) { return Matching(needle).size(); }
-
- private:
-  static void Append(int level, const char* format, ...) {
-    char text[1024];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().push_back(std::to_string(level) + " " + text);
-  }
-  static std::mutex& Mutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-  static std::vector<std::string>& Lines() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-};
+using dtl_test::LogCapture;
 
 // Remembers lifecycle calls and removed sessions; stores nothing.
 class CountingSink : public dtl::ipfix::IpfixSessionSink {

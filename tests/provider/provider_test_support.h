@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/free_udp_port.h"
+#include "support/log_capture.h"
 #include "dtl_dict.h"
 #include "dtl_event_provider.h"
 #include "dtl_logger.h"
@@ -26,64 +27,7 @@ namespace provider_test {
 // A UDP port nobody is bound to right now (the kernel picks it).
 using dtl_test::FreeUdpPort;
 
-class LogCapture {
- public:
-  LogCapture() {
-    Clear();
-    dtl_set_log_func(&LogCapture::Append, DTL_LOG_LEVEL_DEBUG);
-  }
-  ~LogCapture() { dtl_set_log_func(nullptr, DTL_LOG_LEVEL_ERROR); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  static void Clear() {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().clear();
-    Levels().clear();
-  }
-  static std::vector<std::string> Snapshot() {
-    std::lock_guard<std::mutex> lock(Mutex());
-    return Lines();
-  }
-  static std::vector<std::string> Matching(const std::string& needle) {
-    std::vector<std::string> found;
-    for (const std::string& line : Snapshot())
-      if (line.find(needle) != std::string::npos) found.push_back(line);
-    return found;
-  }
-  static size_t Count(const std::string& needle) { return Matching(needle).size(); }
-  // Level of the first line containing needle, -1 when there is none.
-  static int LevelOf(const std::string& needle) {
-    std::lock_guard<std::mutex> lock(Mutex());
-    for (size_t i = 0; i < Lines().size(); ++i)
-      if (Lines()[i].find(needle) != std::string::npos) return Levels()[i];
-    return -1;
-  }
-
- private:
-  static void Append(int level, const char* format, ...) {
-    char text[2048];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().push_back(text);
-    Levels().push_back(level);
-  }
-  static std::mutex& Mutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-  static std::vector<std::string>& Lines() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-  static std::vector<int>& Levels() {
-    static std::vector<int> levels;
-    return levels;
-  }
-};
+using dtl_test::LogCapture;
 
 // Sets (or, with nullopt, unsets) environment variables and restores them.
 class ScopedEnv {
