@@ -23,47 +23,14 @@
 #include <vector>
 
 #include "dtl_logger.h"
+#include "support/log_capture.h"
 
 namespace dtl::ipfix {
 namespace {
 
 using Job = IoUringWriter::WriteJob;
 
-class LogCapture {
- public:
-  explicit LogCapture(int level = DTL_LOG_LEVEL_INFO) {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().clear();
-    dtl_set_log_func(&LogCapture::Append, level);
-  }
-  ~LogCapture() { dtl_set_log_func(nullptr, DTL_LOG_LEVEL_ERROR); }
-
-  static size_t Count(const std::string& needle) {
-    std::lock_guard<std::mutex> lock(Mutex());
-    size_t n = 0;
-    for (const std::string& line : Lines()) n += line.find(needle) != std::string::npos;
-    return n;
-  }
-
- private:
-  static void Append(int, const char* format, ...) {
-    char text[1024];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().push_back(text);
-  }
-  static std::mutex& Mutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-  static std::vector<std::string>& Lines() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-};
+using dtl_test::LogCapture;
 
 // Polls cond for at most 10 seconds.
 bool WaitFor(const std::function<bool()>& cond) {
