@@ -45,6 +45,7 @@
 #include "dtl_logger.h"
 #include "ipfix/ipfix_receiver.h"
 #include "ipfix/ipfix_session_sink.h"
+#include "tests/support/udp_port_sockets.h"
 
 namespace {
 
@@ -103,37 +104,8 @@ double ProcessCpuSeconds(pid_t pid) {
   return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// Sockets bound to the local port in /proc/net/udp and udp6: how many, the
-// datagrams they dropped, and the bytes waiting in their receive queues.
-struct PortSockets {
-  int count = 0;
-  uint64_t drops = 0;
-  uint64_t rx_queue = 0;
-};
-
-PortSockets ReadPortSockets(uint16_t port) {
-  PortSockets total;
-  for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
-    std::ifstream in(table);
-    std::string line;
-    std::getline(in, line);  // column names
-    while (std::getline(in, line)) {
-      std::istringstream fields(line);
-      std::string slot, local, remote, state, queues, timer, retransmit, uid, timeout, inode, ref, pointer;
-      uint64_t drops = 0;
-      if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retransmit >> uid >> timeout >>
-            inode >> ref >> pointer >> drops))
-        continue;
-      const size_t colon = local.rfind(':');
-      if (colon == std::string::npos || std::strtoul(local.c_str() + colon + 1, nullptr, 16) != port) continue;
-      const size_t qcolon = queues.find(':');
-      ++total.count;
-      total.drops += drops;
-      if (qcolon != std::string::npos) total.rx_queue += std::strtoull(queues.c_str() + qcolon + 1, nullptr, 16);
-    }
-  }
-  return total;
-}
+using dtl_test::PortSockets;
+using dtl_test::ReadPortSockets;
 
 // Counts committed samples; hands every sample the same scratch block.
 class CountingSink final : public dtl::ipfix::IpfixSessionSink {

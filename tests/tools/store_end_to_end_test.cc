@@ -26,6 +26,7 @@
 #include "dtl_data_file_header.h"
 #include "support/child_process.h"
 #include "support/free_udp_port.h"
+#include "support/udp_port_sockets.h"
 #include "tools/hft_sim/counter_layout.h"
 #include "tools/hft_sim/fragment_injector.h"
 
@@ -58,36 +59,6 @@ std::vector<std::string> SplitCsv(const std::string& line) {
   std::stringstream in(line);
   for (std::string cell; std::getline(in, cell, ',');) cells.push_back(cell);
   return cells;
-}
-
-// Socket queue and drop counters of the UDP sockets bound to port.
-struct UdpQueue {
-  uint64_t queued = 0;
-  uint64_t drops = 0;
-  int sockets = 0;
-};
-
-UdpQueue ReadUdpQueue(uint16_t port) {
-  UdpQueue total;
-  char wanted[8];
-  snprintf(wanted, sizeof wanted, ":%04X", port);
-  for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
-    std::ifstream in(table);
-    std::string line;
-    std::getline(in, line);  // heading
-    while (std::getline(in, line)) {
-      std::istringstream fields(line);
-      std::vector<std::string> f;
-      for (std::string word; fields >> word;) f.push_back(word);
-      // sl local rem st tx:rx tr:when retrnsmt uid timeout inode ref pointer drops
-      if (f.size() < 13 || f[1].size() < 5 || f[1].compare(f[1].size() - 5, 5, wanted) != 0)
-        continue;
-      ++total.sockets;
-      total.queued += std::stoull(f[4].substr(f[4].find(':') + 1), nullptr, 16);
-      total.drops += std::stoull(f[12]);
-    }
-  }
-  return total;
 }
 
 class StoreEndToEnd : public ::testing::Test {
@@ -145,13 +116,13 @@ class StoreEndToEnd : public ::testing::Test {
   // then stops it with SIGTERM; the stop flushes every partial page.
   void StopHost() {
     const auto deadline = std::chrono::steady_clock::now() + seconds(30);
-    UdpQueue queue = ReadUdpQueue(port_);
-    while (queue.queued != 0 && std::chrono::steady_clock::now() < deadline) {
+    dtl_test::PortSockets queue = dtl_test::ReadPortSockets(port_);
+    while (queue.rx_queue != 0 && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(milliseconds(10));
-      queue = ReadUdpQueue(port_);
+      queue = dtl_test::ReadPortSockets(port_);
     }
-    EXPECT_GT(queue.sockets, 0);
-    EXPECT_EQ(queue.queued, 0u) << "the host did not drain its sockets";
+    EXPECT_GT(queue.count, 0);
+    EXPECT_EQ(queue.rx_queue, 0u) << "the host did not drain its sockets";
     EXPECT_EQ(queue.drops, 0u) << "the kernel dropped datagrams; the checks below would be moot";
     host_->Signal(SIGTERM);
     EXPECT_EQ(host_->Wait(seconds(60)), 0) << ReadTextFile(HostLog());
