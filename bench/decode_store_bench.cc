@@ -147,7 +147,7 @@ sockaddr_in6 ExporterAddress() {
 // data page, two page buffers alternating, a full page simply reused.
 class RingSink final : public dtl::ipfix::IpfixSessionSink {
  public:
-  void Start() override {}
+  bool Start() override { return true; }
   void Stop() override {}
   const std::string& root() const override { return root_; }
   void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,

@@ -110,7 +110,7 @@ using dtl_test::ReadPortSockets;
 // Counts committed samples; hands every sample the same scratch block.
 class CountingSink final : public dtl::ipfix::IpfixSessionSink {
  public:
-  void Start() override {}
+  bool Start() override { return true; }
   void Stop() override {}
   const std::string& root() const override { return root_; }
   void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,

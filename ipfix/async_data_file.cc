@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/filesystem.hpp>
@@ -18,71 +19,19 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
+#include "dtl_counters.h"
 #include "dtl_logger.h"
 #include "dtl_string_template.h"
+#include "ipfix/data_file_paths.h"
 #include "ipfix/io_uring_writer.h"
 
 namespace dtl::ipfix {
 
-namespace {
-
 namespace fs = boost::filesystem;
 
-bool IsUnsafePathByte(unsigned char c) {
-  return c == '/' || c == '\\' || c == '%' || c < 0x20 || c == 0x7f;
-}
-
-// The file's first timestamp as UTC calendar time down to the millisecond,
-// printed with format (strftime-like directives, Boost's %f and friends).
-std::string FormatUtc(std::string const& format, uint64_t timestamp_us) {
-  namespace pt = boost::posix_time;
-  // Boost's calendar ends with the year 9999; beyond it the arithmetic overflows.
-  constexpr uint64_t kLastSecond = 253402300799ull;
-  if (timestamp_us / 1000000 > kLastSecond)
-    throw std::out_of_range("timestamp after the year 9999");
-  const pt::ptime epoch(boost::gregorian::date(1970, 1, 1));
-  const pt::ptime when = epoch + pt::seconds(static_cast<long>(timestamp_us / 1000000)) +
-                         pt::milliseconds(static_cast<long>((timestamp_us / 1000) % 1000));
-  if (when.is_special()) throw std::out_of_range("timestamp outside the calendar");
-  std::ostringstream out;
-  // The locale takes ownership of the facet (reference count 0).
-  out.imbue(std::locale(std::locale::classic(), new pt::time_facet(format.c_str())));
-  out << when;
-  return out.str();
-}
-
-// Paths of the data files open in this process. Two sessions can build the
-// same path (one switch exporting several observation domains starts them
-// in the same microsecond); appending both to one file would interleave
-// blocks of different sessions, so the second one gets a distinct name.
-std::mutex open_paths_mutex;
-std::set<std::string> open_paths;
-
-// Reserves the first of path, "<stem>-2<extension>", "-3", ... that no
-// other data file holds open and that usable accepts.
-std::string ClaimPath(std::string const& path,
-                      std::function<bool(std::string const&)> const& usable) {
-  std::lock_guard<std::mutex> lock(open_paths_mutex);
-  const fs::path wanted(path);
-  const std::string stem = (wanted.parent_path() / wanted.stem()).string();
-  const std::string extension = wanted.extension().string();
-  for (unsigned n = 1;; ++n) {
-    std::string candidate = n == 1 ? path : stem + "-" + std::to_string(n) + extension;
-    if (open_paths.count(candidate) != 0 || !usable(candidate)) continue;
-    open_paths.insert(candidate);
-    if (n > 1)
-      DTL_LOG_INFO("[async_data_file] %s is in use or holds other data; using %s", path.c_str(),
-                   candidate.c_str());
-    return candidate;
-  }
-}
-
-void ReleasePath(std::string const& path) {
-  if (path.empty()) return;
-  std::lock_guard<std::mutex> lock(open_paths_mutex);
-  open_paths.erase(path);
-}
+namespace {
 
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
@@ -91,31 +40,24 @@ using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 }  // namespace
 
-std::string SanitizePathComponent(std::string const& name) {
-  if (name.empty() || name == "." || name == "..")
-    return std::string(name.empty() ? 1 : name.size(), '_');
-  std::string safe = name;
-  for (char& c : safe)
-    if (IsUnsafePathByte(static_cast<unsigned char>(c))) c = '_';
-  return safe;
-}
-
 AsyncDataFile::AsyncDataFile(dtl_client_id_t const& client_id, std::string const& source,
                              std::string const& tag, IoUringWriter* writer)
     : writer_(writer), client_id_(client_id), source_(source), tag_(tag) {}
 
 AsyncDataFile::~AsyncDataFile() {
   try {
-    CloseFd();
-    UpdateFileHeader();
+    CloseCurrent(false);
   } catch (std::exception const& e) {
     DTL_LOG_ERROR("[async_data_file] closing %s failed: %s", data_file_name_.c_str(), e.what());
   } catch (...) {
     DTL_LOG_ERROR("[async_data_file] closing %s failed", data_file_name_.c_str());
   }
+  CloseMetaFd();
   ReleasePath(data_file_name_);
 }
 
+// Runs before the new value is stored: the file being closed is finished
+// under the settings it was written with (its block size above all).
 void AsyncDataFile::SettingChanged() {
   if (defer_rotation)
     rotation_pending = true;
@@ -125,55 +67,53 @@ void AsyncDataFile::SettingChanged() {
 
 void AsyncDataFile::setBlockSize(unsigned block_size) {
   if (block_size == block_size_) return;
-  block_size_ = block_size;
   SettingChanged();
+  block_size_ = block_size;
 }
 
 void AsyncDataFile::setSizeLimit(unsigned long bytes) {
   if (bytes == 0 || bytes == size_limit_) return;
-  size_limit_ = bytes;
   SettingChanged();
+  size_limit_ = bytes;
 }
 
 void AsyncDataFile::setTimeLimit(unsigned long microseconds) {
   if (microseconds == 0 || microseconds == time_limit_) return;
-  time_limit_ = microseconds;
   SettingChanged();
+  time_limit_ = microseconds;
 }
 
 void AsyncDataFile::setCounterSchemaId(unsigned char const* schema_id) {
   unsigned char value[DTL_DATA_FILE_SCHEMA_ID_SIZE] = {};
   if (schema_id != nullptr) memcpy(value, schema_id, sizeof value);
   if (memcmp(value, counters_schema_id_, sizeof value) == 0) return;
-  memcpy(counters_schema_id_, value, sizeof value);
   SettingChanged();
+  memcpy(counters_schema_id_, value, sizeof value);
 }
 
 void AsyncDataFile::setUseDirectIO(bool use_direct_io) {
   if (use_direct_io == use_direct_io_) return;
-  use_direct_io_ = use_direct_io;
   SettingChanged();
+  use_direct_io_ = use_direct_io;
 }
 
 void AsyncDataFile::setDataRoot(std::string const& root) {
   if (root.empty() || root == data_root_) return;
-  data_root_ = root;
   SettingChanged();
+  data_root_ = root;
 }
 
 void AsyncDataFile::setDataPathTemplate(std::string const& path_template) {
   if (path_template.empty() || path_template == data_path_template_) return;
-  data_path_template_ = path_template;
   SettingChanged();
+  data_path_template_ = path_template;
 }
 
 bool AsyncDataFile::NeedRotation(unsigned long first_ts, unsigned long current_ts) const {
   const uint64_t first = first_timestamp_;
   if (first == 0) return has_file() ? written_bytes != 0 : true;
-  if (has_file() && write_counter_ % kExistenceCheckInterval == 0) {
-    struct stat st;
-    if (stat(data_file_name_.c_str(), &st) != 0) return true;
-  }
+  // Whether the file is still there is CheckOnDisk's question, asked by the
+  // owner on its own schedule.
   if (first == first_ts) return false;
   if (written_bytes >= 0 && static_cast<uint64_t>(written_bytes) >= size_limit_) return true;
   if (first > current_ts) {
@@ -191,25 +131,30 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
   if (has_file()) {
     DTL_LOG_DEBUG("[async_data_file] Rotate: closing current file %s written_bytes=%lld",
                   data_file_name_.c_str(), static_cast<long long>(written_bytes));
-    CloseFd();
-    UpdateFileHeader();
-    if (closed_size != nullptr) *closed_size = static_cast<long>(written_bytes);
-    closed = data_file_name_;
-    ReleasePath(data_file_name_);
+    const uint64_t size = CloseCurrent(false);
+    if (size > 0) {
+      closed = data_file_name_;
+      if (closed_size != nullptr) *closed_size = static_cast<long>(size);
+    }
+    ReleasePath(data_file_name_, TemplateRepeatsNames(data_path_template_));
   }
 
   first_timestamp_ = first_ts;
   last_timestamp_ = 0;
   id_ = first_ts == 0 ? std::string() : std::to_string(first_ts);
   written_bytes = 0;
+  created_file_ = false;
+  buffered_only_ = false;
+  write_counter_ = 0;
+  ResetWriteTracking();
 
   data_file_name_ = BuildFilePath();
   // An existing file is continued only when its blocks are the ones this
   // file would write: same block size and counters schema.
   if (!data_file_name_.empty())
-    data_file_name_ = ClaimPath(data_file_name_, [this](std::string const& path) {
-      return CanContinue(path);
-    });
+    data_file_name_ = ClaimPath(
+        data_file_name_, [this](std::string const& path) { return CanContinue(path); },
+        &next_suffix_);
   DTL_LOG_DEBUG("[async_data_file] Rotate: new file path %s (first_ts=%lu)",
                 data_file_name_.c_str(), first_ts);
   if (data_file_name_.empty()) return closed;
@@ -218,7 +163,7 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
   if (fs::exists(data_file_name_, ec)) {
     DTL_LOG_DEBUG("[async_data_file] Rotate: appending to existing file %s",
                   data_file_name_.c_str());
-    UpdateFileSize();
+    ContinueAfterLastBlock();
     return closed;
   }
 
@@ -226,7 +171,7 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
                 data_file_name_.c_str());
   try {
     EnsurePathExists(data_file_name_);
-  } catch (std::runtime_error const& e) {
+  } catch (std::exception const& e) {
     if (report_errors_) {
       DTL_LOG_ERROR("[async_data_file] Failed to create path for %s: %s", data_file_name_.c_str(),
                     e.what());
@@ -246,7 +191,11 @@ std::string AsyncDataFile::Rotate(unsigned long first_ts, long* closed_size) {
     }
     ReleasePath(data_file_name_);
     data_file_name_.clear();
+    return closed;
   }
+  // The next failure is a new fault and is reported again.
+  report_errors_ = true;
+  created_file_ = true;
   return closed;
 }
 
@@ -267,93 +216,20 @@ void AsyncDataFile::ForceRotation() {
   if (has_file()) {
     DTL_LOG_WARNING("[async_data_file] ForceRotation: closing %s written_bytes=%lld",
                     data_file_name_.c_str(), static_cast<long long>(written_bytes));
-    CloseFd();
-    UpdateFileHeader();
+    const uint64_t size = CloseCurrent(false);
+    if (size > 0) {
+      closed_path_ = data_file_name_;
+      closed_size_ = size;
+    }
   }
-  ReleasePath(data_file_name_);
+  ReleasePath(data_file_name_, TemplateRepeatsNames(data_path_template_));
   data_file_name_.clear();
 }
 
-std::string AsyncDataFile::BuildFilePath() {
-  // Network-supplied names are confined to one path component each; the
-  // header keeps them unchanged.
-  const std::string tag = SanitizePathComponent(tag_);
-  const std::string host_name(client_id_.host_name,
-                              strnlen(client_id_.host_name, sizeof client_id_.host_name));
-  std::string path = dtl::string_template(data_path_template_,
-                                          {{"node", SanitizePathComponent(host_name)},
-                                           {"source", SanitizePathComponent(source_)},
-                                           {"port", std::to_string(client_id_.port)},
-                                           {"timestamp", std::to_string(first_timestamp_)},
-                                           {"tag", tag_.empty() ? std::string() : tag + "_"}});
-  try {
-    if (first_timestamp_ != 0) {
-      path = dtl::string_template(path, {{"year", "%Y"},
-                                         {"month", "%m"},
-                                         {"day", "%d"},
-                                         {"hour", "%H"},
-                                         {"minute", "%M"},
-                                         {"second", "%S"}});
-      HandleHash(path);
-      path = FormatUtc(path, first_timestamp_);
-    }
-    if (!id_.empty()) path = dtl::string_template(path, {{"id", id_}});
-    if (data_root_.empty()) return path;
-    // A tag directly followed by a directory separator loses its underscore.
-    boost::algorithm::replace_all(path, "_/", "/");
-    return (fs::absolute(data_root_) / path).string();
-  } catch (std::exception const& e) {
-    // A timestamp beyond the calendar or a vanished working directory: no
-    // file rather than an exception into the disk writer's thread.
-    if (report_errors_) {
-      DTL_LOG_ERROR("[async_data_file] Failed to build path from %s (first_ts=%lu): %s",
-                    path.c_str(), static_cast<unsigned long>(first_timestamp_), e.what());
-      report_errors_ = false;
-    }
-    return std::string();
-  }
-}
-
-void AsyncDataFile::HandleHash(std::string& path) const {
-  const size_t start = path.find("{{hash");
-  if (start == std::string::npos) return;
-  const size_t close = path.find("}}", start);
-  if (close == std::string::npos) {
-    DTL_LOG_ERROR("[async_data_file] path_template expects {{hash[num]}}, missing closing braces");
-    return;
-  }
-  const size_t end = close + 2;
-  int modulus = 0;
-  if (sscanf(path.c_str() + start, "{{hash%d}}", &modulus) != 1) {
-    DTL_LOG_ERROR("[async_data_file] path_template expects {{hash[num]}}, received %.*s",
-                  static_cast<int>(end - start), path.c_str() + start);
-    return;
-  }
-
-  uint64_t value = 0;
-  bool scanned = false;
-  if (source_.compare(0, 2, "0x") == 0) {
-    unsigned long guid = 0;
-    scanned = sscanf(source_.c_str(), "0x%lx", &guid) == 1;
-    if (scanned)
-      value = guid;
-    else
-      DTL_LOG_ERROR("[async_data_file] Failed to read %s as guid", source_.c_str());
-  }
-  if (!scanned)
-    for (unsigned char c : source_) value += c;
-
-  const uint64_t divisor = static_cast<uint64_t>(static_cast<int64_t>(modulus));
-  if (divisor != 0) value %= divisor;
-  path.replace(start, end - start, std::to_string(static_cast<int32_t>(value)));
-}
-
-std::string AsyncDataFile::EnsurePathExists(std::string const& path) const {
-  const fs::path parent = fs::path(path).parent_path();
-  if (!parent.empty() && !fs::exists(parent)) fs::create_directories(parent);
-  if (!parent.empty() && !fs::is_directory(parent))
-    throw std::runtime_error("Inaccessible data path " + parent.string());
-  return path;
+std::string AsyncDataFile::TakeClosedFile(uint64_t* size) {
+  *size = closed_size_;
+  closed_size_ = 0;
+  return std::exchange(closed_path_, std::string());
 }
 
 bool AsyncDataFile::CreateFile() {
@@ -372,28 +248,52 @@ bool AsyncDataFile::CreateFile() {
   return true;
 }
 
-void AsyncDataFile::OpenFd() {
-  if (fd_ != -1 || !has_file()) return;
-  const int flags = O_WRONLY | (use_direct_io_ ? O_DIRECT : 0);
-  DTL_LOG_DEBUG("[async_data_file] OpenFd: opening %s (flags=0x%x direct=%d)",
-                data_file_name_.c_str(), static_cast<unsigned>(flags), use_direct_io_ ? 1 : 0);
-  const int fd = open(data_file_name_.c_str(), flags);
+bool AsyncDataFile::OpenForWrite() {
+  if (fd_ >= 0) return true;
+  if (!has_file()) return false;
+  const char* name = data_file_name_.c_str();
+  struct stat status {};
+  const bool known = stat(name, &status) == 0;
+  bool direct = use_direct_io_ && !direct_io_blocked && !buffered_only_ &&
+                !(known && DirectIoRefused(status.st_dev));
+  int flags = O_WRONLY | (direct ? O_DIRECT : 0);
+  DTL_LOG_DEBUG("[async_data_file] OpenFd: opening %s (flags=0x%x direct=%d)", name,
+                static_cast<unsigned>(flags), direct ? 1 : 0);
+  int fd = open(name, flags);
+  if (fd < 0 && errno == EINVAL && direct) {
+    // Some file systems (ramfs, some FUSE and network ones) refuse O_DIRECT:
+    // their files are written through the page cache instead.
+    fd = open(name, O_WRONLY);
+    if (fd >= 0) {
+      direct = false;
+      struct stat opened {};
+      if (fstat(fd, &opened) == 0 && RememberDirectIoRefused(opened.st_dev))
+        DTL_LOG_WARNING(
+            "[async_data_file] The file system of %s refuses direct I/O (O_DIRECT); its data files "
+            "are written through the page cache instead",
+            name);
+    }
+  }
   if (fd < 0) {
     const int error = errno;
-    DTL_LOG_ERROR("[async_data_file] OpenFd open(%s) failed: %s (errno=%d)",
-                  data_file_name_.c_str(), strerror(error), error);
-    return;
+    DTL_LOG_ERROR("[async_data_file] OpenFd open(%s) failed: %s (errno=%d)", name, strerror(error),
+                  error);
+    return false;
   }
   fd_ = fd;
-  DTL_LOG_DEBUG("[async_data_file] OpenFd: fd=%d %s direct=%d", fd_, data_file_name_.c_str(),
-                use_direct_io_ ? 1 : 0);
+  fd_direct_ = direct;
+  if (meta_fd_ < 0) meta_fd_ = open(name, O_RDWR);
+  DTL_LOG_DEBUG("[async_data_file] OpenFd: fd=%d %s direct=%d", fd_, name, direct ? 1 : 0);
+  return true;
 }
+
+void AsyncDataFile::OpenFd() { OpenForWrite(); }
 
 void AsyncDataFile::CloseFd() {
   if (fd_ < 0) return;
   DTL_LOG_DEBUG("[async_data_file] CloseFd: fd=%d %s written_bytes=%lld", fd_,
                 data_file_name_.c_str(), static_cast<long long>(written_bytes));
-  if (!use_direct_io_) {
+  if (!fd_direct_) {
     // Written data is not read back here; keep it from crowding the cache.
     const int rc = posix_fadvise(fd_, 0, 0, POSIX_FADV_DONTNEED);
     if (rc != 0)
@@ -405,6 +305,13 @@ void AsyncDataFile::CloseFd() {
   }
   close(fd_);
   fd_ = -1;
+  fd_direct_ = false;
+}
+
+void AsyncDataFile::CloseMetaFd() {
+  if (meta_fd_ < 0) return;
+  close(meta_fd_);
+  meta_fd_ = -1;
 }
 
 void AsyncDataFile::FillFileHeader(void* buffer, unsigned long length) const {
@@ -412,23 +319,40 @@ void AsyncDataFile::FillFileHeader(void* buffer, unsigned long length) const {
                              counters_schema_id_, &event_schema_ids_[0][0], buffer, length);
 }
 
-bool AsyncDataFile::UpdateFileHeader() {
-  if (!has_file()) return true;
-  boost::system::error_code ec;
-  if (!fs::exists(data_file_name_, ec)) return true;
+int AsyncDataFile::HeaderFd(bool* opened) const {
+  *opened = false;
+  if (meta_fd_ >= 0) return meta_fd_;
+  const int fd = open(data_file_name_.c_str(), O_RDWR);
+  *opened = fd >= 0;
+  return fd;
+}
 
+bool AsyncDataFile::UpdateFileHeader() { return UpdateFileHeader(false); }
+
+bool AsyncDataFile::UpdateFileHeader(bool rebuild_invalid) {
+  if (!has_file()) return true;
   const char* name = data_file_name_.c_str();
   DTL_LOG_DEBUG("[async_data_file] UpdateFileHeader: fopen %s", name);
-  FilePtr file(fopen(name, "rb+"));
-  if (!file) {
+  bool opened = false;
+  const int fd = HeaderFd(&opened);
+  if (fd < 0) {
     const int error = errno;
+    if (error == ENOENT) return true;  // nothing left to describe
     DTL_LOG_ERROR("[async_data_file] UpdateFileHeader fopen(%s) failed: %s (errno=%d)", name,
                   strerror(error), error);
     return false;
   }
-  dtl_data_file_header_t header;
+  struct Closer {
+    int fd;
+    bool owned;
+    ~Closer() {
+      if (owned) close(fd);
+    }
+  } closer{fd, opened};
+
+  dtl_data_file_header_t header{};
   errno = 0;
-  if (fread(&header, sizeof header, 1, file.get()) != 1) {
+  if (!ReadAll(fd, &header, sizeof header, 0)) {
     const int error = errno;
     DTL_LOG_ERROR("[async_data_file] UpdateFileHeader fread(%s) failed: %s (errno=%d)", name,
                   strerror(error), error);
@@ -436,22 +360,15 @@ bool AsyncDataFile::UpdateFileHeader() {
   }
   if (!dtl_data_file_header_is_valid(&header)) {
     DTL_LOG_ERROR("[async_data_file] UpdateFileHeader: invalid header magic in %s", name);
-    return false;
+    // A header lost to a failed write is ours to restore: its blocks follow.
+    if (!rebuild_invalid) return false;
+    FillFileHeader(&header, sizeof header);
   }
   if (header.first_timestamp == 0) header.first_timestamp = first_timestamp_;
   header.file_size = static_cast<uint64_t>(written_bytes);
   // A continued file closed before this run wrote to it keeps its own end.
   if (last_timestamp_ != 0) header.last_timestamp = last_timestamp_;
-  errno = 0;
-  if (fseek(file.get(), 0, SEEK_SET) != 0 || fwrite(&header, sizeof header, 1, file.get()) != 1 ||
-      fflush(file.get()) != 0) {
-    const int error = errno;
-    DTL_LOG_ERROR("[async_data_file] UpdateFileHeader fwrite(%s) failed: %s (errno=%d)", name,
-                  strerror(error), error);
-    return false;
-  }
-  // fclose can still report a deferred write error.
-  if (fclose(file.release()) != 0) {
+  if (!WriteAll(fd, &header, sizeof header, 0)) {
     const int error = errno;
     DTL_LOG_ERROR("[async_data_file] UpdateFileHeader fwrite(%s) failed: %s (errno=%d)", name,
                   strerror(error), error);
@@ -462,66 +379,92 @@ bool AsyncDataFile::UpdateFileHeader() {
   return true;
 }
 
-void AsyncDataFile::HandleErrorPending(bool synchronous) {
-  if (!error_pending_.exchange(false, std::memory_order_acquire)) return;
-  if (synchronous)
-    DTL_LOG_ERROR(
-        "[async_data_file] WriteSync: error_pending set by io_uring — forcing rotation on %s",
-        data_file_name_.c_str());
-  else
-    DTL_LOG_ERROR("[async_data_file] Write: error_pending set by io_uring — forcing rotation on %s",
-                  data_file_name_.c_str());
-  ForceRotation();
+void AsyncDataFile::ResetWriteTracking() {
+  error_pending_.store(false, std::memory_order_relaxed);
+  bad_end_.store(INT64_MAX, std::memory_order_relaxed);
+  done_end_.store(0, std::memory_order_relaxed);
+}
+
+void AsyncDataFile::NoteBadEnd(int64_t end) {
+  int64_t current = bad_end_.load(std::memory_order_relaxed);
+  while (end < current && !bad_end_.compare_exchange_weak(current, end, std::memory_order_relaxed)) {
+  }
+  error_pending_.store(true, std::memory_order_release);
 }
 
 void AsyncDataFile::Write(void const* data, unsigned long len, unsigned long /*first_ts*/,
                           unsigned long last_ts, std::atomic<bool>* in_flight, int buf_index) {
-  if (writer_ == nullptr || len == 0) return;
-  HandleErrorPending(false);
-  last_timestamp_ = last_ts;
+  const uint64_t offset = static_cast<uint64_t>(written_bytes);
+  WriteAt(data, offset, len, offset + len, last_ts, in_flight, buf_index);
+}
+
+void AsyncDataFile::WriteAt(void const* data, uint64_t offset, uint64_t len, uint64_t logical_end,
+                            uint64_t last_ts, std::atomic<bool>* in_flight, int buf_index) {
+  auto release = [in_flight] {
+    if (in_flight != nullptr) in_flight->store(false);
+  };
+  if (writer_ == nullptr || len == 0) {
+    release();
+    return;
+  }
   ++write_counter_;
   if (!has_file()) {
     DTL_LOG_WARNING(
         "[async_data_file] Write: data_file_name_ empty, dropping %zu bytes (source=%s stat=%u)",
         static_cast<size_t>(len), source_.c_str(), static_cast<unsigned>(write_counter_));
-    if (in_flight != nullptr) in_flight->store(false);
+    release();
     return;
   }
-  if (fd_ == -1) OpenFd();
-  if (fd_ == -1) {
-    if (in_flight != nullptr) in_flight->store(false);
+  if (!OpenForWrite()) {
+    release();
+    NoteBadEnd(static_cast<int64_t>(offset));
     return;
   }
+  last_timestamp_ = last_ts;
 
   IoUringWriter::WriteJob job;
   job.fd = fd_;
   job.data = static_cast<const uint8_t*>(data);
   job.len = len;
-  job.offset = written_bytes;
+  job.offset = static_cast<int64_t>(offset);
   job.buf_index = buf_index;
   job.in_flight = in_flight;
-  job.on_error = [this] { error_pending_.store(true, std::memory_order_release); };
+  const int64_t end = static_cast<int64_t>(offset + len);
+  job.on_complete = [this, offset, len, end](int result) {
+    if (result >= 0 && static_cast<uint64_t>(result) == len) {
+      int64_t done = done_end_.load(std::memory_order_relaxed);
+      while (end > done && !done_end_.compare_exchange_weak(done, end, std::memory_order_relaxed)) {
+      }
+      return;
+    }
+    NoteBadEnd(static_cast<int64_t>(offset) + std::max(result, 0));
+  };
   DTL_LOG_DEBUG(
       "[async_data_file] Write: submitting async job fd=%d len=%zu offset=%lld buf_index=%d src=%s",
-      fd_, static_cast<size_t>(len), static_cast<long long>(written_bytes), buf_index,
-      source_.c_str());
-  writer_->Submit(job);
-  // A dropped job still advances the offset: the page is lost, not shifted.
-  written_bytes += static_cast<int64_t>(len);
+      fd_, static_cast<size_t>(len), static_cast<long long>(offset), buf_index, source_.c_str());
+  // A refused job never reaches the disk: the file is good only below it.
+  if (!writer_->Submit(job)) NoteBadEnd(static_cast<int64_t>(offset));
+  written_bytes = static_cast<int64_t>(logical_end);
 }
 
 void AsyncDataFile::WriteSync(void const* data, unsigned long len, unsigned long /*first_ts*/,
                               unsigned long last_ts) {
   if (len == 0) return;
-  HandleErrorPending(true);
-  last_timestamp_ = last_ts;
   ++write_counter_;
-  if (!has_file()) return;
+  if (!has_file()) {
+    DTL_LOG_WARNING(
+        "[async_data_file] WriteSync: data_file_name_ empty, dropping %zu bytes (source=%s stat=%u)",
+        static_cast<size_t>(len), source_.c_str(), static_cast<unsigned>(write_counter_));
+    return;
+  }
+  last_timestamp_ = last_ts;
 
   const char* name = data_file_name_.c_str();
   DTL_LOG_DEBUG("[async_data_file] WriteSync: open %s len=%zu offset=%lld", name,
                 static_cast<size_t>(len), static_cast<long long>(written_bytes));
-  const int bfd = open(name, O_WRONLY | O_APPEND);
+  // Positioned, not appended: padding of an earlier direct write may lie
+  // beyond the current end, and is overwritten here.
+  const int bfd = open(name, O_WRONLY);
   if (bfd < 0) {
     const int error = errno;
     DTL_LOG_ERROR("[async_data_file] WriteSync open(%s) failed: %s (errno=%d)", name,
@@ -529,19 +472,24 @@ void AsyncDataFile::WriteSync(void const* data, unsigned long len, unsigned long
     ForceRotation();
     return;
   }
-  const ssize_t written = write(bfd, data, len);
+  errno = 0;
+  const bool ok = WriteAll(bfd, data, len, static_cast<off_t>(written_bytes));
   const int error = errno;
   DTL_LOG_DEBUG("[async_data_file] WriteSync: close bfd=%d", bfd);
   close(bfd);
-  if (written >= 0 && static_cast<size_t>(written) == len) {
-    DTL_LOG_DEBUG("[async_data_file] WriteSync: wrote %zd bytes to %s", written, name);
+  if (ok) {
+    DTL_LOG_DEBUG("[async_data_file] WriteSync: wrote %zu bytes to %s", static_cast<size_t>(len),
+                  name);
     written_bytes += static_cast<int64_t>(len);
+    const int64_t end = written_bytes;
+    int64_t done = done_end_.load(std::memory_order_relaxed);
+    if (end > done) done_end_.store(end, std::memory_order_relaxed);
     return;
   }
   DTL_LOG_ERROR(
-      "[async_data_file] WriteSync write(%s) at offset %lld returned %zd of %zu: %s (errno=%d)",
-      name, static_cast<long long>(written_bytes), written, static_cast<size_t>(len),
-      written < 0 ? strerror(error) : "short write", written < 0 ? error : 0);
+      "[async_data_file] WriteSync write(%s) at offset %lld returned %d of %zu: %s (errno=%d)", name,
+      static_cast<long long>(written_bytes), -1, static_cast<size_t>(len), strerror(error), error);
+  // The blocks before this write are kept; the file ends where it was good.
   ForceRotation();
 }
 

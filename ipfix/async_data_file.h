@@ -10,18 +10,12 @@
 
 #include "dtl_data_file_header.h"
 #include "dtl_source.h"
+#include "ipfix/data_file_paths.h"
 
 namespace dtl::ipfix {
 
 class IoUringWriter;
 
-// Makes a value safe to use as exactly one directory or file name component:
-// '/', '\\', '%' (a time-format directive such as %D could expand to a
-// separator), control bytes and DEL become '_', and a name that is empty,
-// "." or ".." becomes as many '_' (at least one). Values from the network,
-// such as a switch name, pass through it before they reach a path, so that
-// they can neither leave the data root nor add directory levels.
-std::string SanitizePathComponent(std::string const& name);
 
 class AsyncDataFile {
  public:
@@ -69,18 +63,56 @@ class AsyncDataFile {
   // Rewrites the header on disk with the final size and last timestamp.
   bool UpdateFileHeader();
 
-  // Asynchronous append at the current end through the shared writer; the
-  // caller has set *in_flight and keeps data alive until it clears.
-  // first_ts is not used.
+  // Asynchronous write of len bytes of data at offset through the shared
+  // writer; afterwards the file's whole blocks end at logical_end and the
+  // newest of them has time last_ts. The bytes from logical_end to
+  // offset + len are padding (direct I/O writes whole 4 KiB pages) that the
+  // next write overwrites and the close cuts off. The caller has set
+  // *in_flight and keeps data alive until it clears.
+  void WriteAt(void const* data, uint64_t offset, uint64_t len, uint64_t logical_end,
+               uint64_t last_ts, std::atomic<bool>* in_flight, int buf_index);
+  // Asynchronous append of whole blocks at the current end (WriteAt without
+  // padding). first_ts is not used.
   void Write(void const* data, unsigned long len, unsigned long first_ts, unsigned long last_ts,
              std::atomic<bool>* in_flight, int buf_index);
-  // Synchronous buffered append, for lengths that direct I/O cannot write.
-  // first_ts is not used.
+  // Synchronous buffered write at the current end, for lengths that direct
+  // I/O cannot write. first_ts is not used.
   void WriteSync(void const* data, unsigned long len, unsigned long first_ts,
                  unsigned long last_ts);
   // Takes the written-bytes count from the file's size on disk.
   void UpdateFileSize();
 
+  // Opens the write descriptor now if the file has none. True when there is
+  // a descriptor; direct_io_active() then tells whether writes bypass the
+  // page cache (and so must be whole, aligned 4 KiB pages).
+  bool OpenForWrite();
+  bool direct_io_active() const { return fd_ >= 0 && fd_direct_; }
+  // Set by the owner when its block layout cannot keep writes aligned; the
+  // next descriptor opened is a buffered one.
+  bool direct_io_blocked = false;
+
+  // Whether a write of the current file failed since the last call.
+  bool TakeWriteError() { return error_pending_.exchange(false, std::memory_order_acq_rel); }
+  // End of the furthest write of the current file known to be on disk.
+  int64_t durable_end() const { return done_end_.load(std::memory_order_relaxed); }
+
+  // What the periodic look at the file on disk found.
+  enum class DiskState { kOk, kWriteFailed, kDeleted, kTruncated };
+  // Checks that the current file is still the one being written: present
+  // under its name, not cut shorter than what was written, its header intact.
+  DiskState CheckOnDisk();
+
+  // Closes a file whose writes failed or which was damaged from outside
+  // (state says how): keeps exactly the whole blocks written before the
+  // first bad byte, with a header that describes them, or removes the file
+  // when none is left (or it was deleted). Returns the path kept (empty when
+  // none) and stores its size in *kept_size. The next Rotate starts a file.
+  std::string CloseDamaged(DiskState state, uint64_t* kept_size);
+  // The last file closed by ForceRotation (a settings change), for the
+  // owner's size accounting: its path (empty when none, or when taken).
+  std::string TakeClosedFile(uint64_t* size);
+  // Whether the last Rotate created a new file (not continued an old one).
+  bool created_file() const { return created_file_; }
   std::string const& data_file_name() const { return data_file_name_; }
   bool has_file() const { return !data_file_name_.empty(); }
   uint64_t first_timestamp() const { return first_timestamp_; }
@@ -97,6 +129,21 @@ class AsyncDataFile {
 
  private:
   std::string BuildFilePath();
+  // Closes the descriptor and gives the file its final form: whole blocks
+  // only, no padding, header with size and last timestamp; a file without a
+  // single block is removed. Returns the final size (0 when removed).
+  uint64_t CloseCurrent(bool damaged);
+  // Continuing an existing file: starts after its last whole block (a
+  // zero-padded tail left by a collector that died is cut).
+  void ContinueAfterLastBlock();
+  // Reads the timestamp of block index (0 = first after the header).
+  bool ReadBlockTimestamp(uint64_t index, uint64_t* ts) const;
+  void ResetWriteTracking();
+  // Descriptor for reading or rewriting the header: meta_fd_ when open,
+  // else a new one (*opened tells the caller to close it); -1 on failure.
+  int HeaderFd(bool* opened) const;
+  bool UpdateFileHeader(bool rebuild_invalid);
+  void CloseMetaFd();
   // Whether the file at path may take this file's blocks: it does not exist,
   // is empty, or has a valid header with the same block size and schema.
   bool CanContinue(std::string const& path) const;
@@ -105,14 +152,26 @@ class AsyncDataFile {
   bool CreateFile();
   void OpenFd();
   void CloseFd();
-  // Common end of every setter: close now, or remember while deferred.
+  // Common start of every change of a setting: close now, or remember while deferred.
   void SettingChanged();
-  // Shared start of Write and WriteSync: a failed asynchronous write closes
-  // the damaged file before anything else is appended.
-  void HandleErrorPending(bool synchronous);
+  // A failed write ends at offset end: the file is good only below it.
+  void NoteBadEnd(int64_t end);
 
   IoUringWriter* writer_;
   int fd_ = -1;
+  bool fd_direct_ = false;
+  // Writes of this file may not continue: padding sits beyond the logical
+  // end of a continued file that does not end on a 4 KiB boundary.
+  bool buffered_only_ = false;
+  bool created_file_ = false;
+  // Buffered read-write descriptor of the current file beside the write
+  // descriptor: the header rewrite and the final cut go through it, so they
+  // still work when the path has become unreachable (a root made read-only).
+  int meta_fd_ = -1;
+  // Names tried after the template's own when a path is taken: -2, -3, ...
+  unsigned next_suffix_ = 1;
+  std::string closed_path_;
+  uint64_t closed_size_ = 0;
 
  public:
   // Size of the current file = offset of the next write.
@@ -147,6 +206,11 @@ class AsyncDataFile {
  private:
   // Set by the io_uring writer thread when a job of this file failed.
   std::atomic<bool> error_pending_{false};
+  // Written by the io_uring writer thread: the lowest offset known not to
+  // hold what was written there, and the end of the furthest write that
+  // completed in full.
+  std::atomic<int64_t> bad_end_{INT64_MAX};
+  std::atomic<int64_t> done_end_{0};
 };
 
 }  // namespace dtl::ipfix

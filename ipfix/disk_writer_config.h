@@ -18,6 +18,9 @@ struct DiskWriterConfig {
   uint32_t batch_count = 1000;
   uint64_t data_size_limit = 0;
   uint64_t low_watermark = 0;
+  // A session's partial page goes to disk after this long without a new
+  // sample (0 = only when full or at stop).
+  uint32_t flush_idle_ms = 1000;
 };
 
 }  // namespace dtl::ipfix

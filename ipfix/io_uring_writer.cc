@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "dtl_logger.h"
+#include "dtl_timestamp.h"
 
 namespace dtl::ipfix {
 
@@ -133,8 +134,16 @@ void IoUringWriter::ReleaseAfterFailure() {
   in_flight_.store(0);
 }
 
-void IoUringWriter::FinishSlot(size_t slot) {
+void IoUringWriter::FinishSlot(size_t slot, int result) {
   WriteJob& job = slots_[slot];
+  if (job.on_complete) {
+    // A producer's bookkeeping must not take the writer thread down.
+    try {
+      job.on_complete(result);
+    } catch (...) {
+    }
+    job.on_complete = nullptr;
+  }
   ClearFlag(job.in_flight);
   // A finished slot keeps no pointer into its producer, which may be gone.
   job.in_flight = nullptr;
@@ -289,6 +298,7 @@ bool IoUringWriter::Submit(const WriteJob& job) {
   target.offset = job.offset;
   target.buf_index = job.buf_index;
   target.on_error = job.on_error;
+  target.on_complete = job.on_complete;
   target.in_flight = job.in_flight;
   slot_busy_[slot].store(true, std::memory_order_relaxed);
   {
@@ -477,11 +487,24 @@ void IoUringWriter::PrepareAndSubmit() {
     // The callback first, so that the producer sees the error by the time
     // its flag reads false.
     if (job.on_error) job.on_error();
-    FinishSlot(slot);
+    FinishSlot(slot, r);
   }
   in_flight_.fetch_sub(prepared);
   completed_count_.fetch_add(prepared, std::memory_order_release);
   submitted_count_.fetch_add(prepared, std::memory_order_release);
+}
+
+bool IoUringWriter::AllowFailureLine(unsigned long long* suppressed) {
+  const uint64_t now = dtl_timestamp_now();
+  ++failure_run_;
+  if (failure_run_ <= 8 || now - last_failure_line_us_ >= 1000000) {
+    *suppressed = failures_not_shown_;
+    failures_not_shown_ = 0;
+    last_failure_line_us_ = now;
+    return true;
+  }
+  ++failures_not_shown_;
+  return false;
 }
 
 void IoUringWriter::ReapCompletions() {
@@ -527,22 +550,29 @@ void IoUringWriter::ReapCompletions() {
     WriteJob& job = slots_[slot];
     ++finished;
     bool failed = false;
+    unsigned long long suppressed = 0;
     if (res < 0) {
-      DTL_LOG_ERROR("[iouring_writer] CQE error (slot %zu): %s (errno=%d) fd=%d data=%p len=%zu offset=%lld buf_index=%d",
-                    slot, strerror(-res), -res, job.fd, static_cast<const void*>(job.data), job.len,
-                    static_cast<long long>(job.offset), job.buf_index);
+      if (AllowFailureLine(&suppressed))
+        DTL_LOG_ERROR("[iouring_writer] CQE error (slot %zu): %s (errno=%d) fd=%d data=%p len=%zu offset=%lld buf_index=%d"
+                      " (%llu more failed writes not shown)",
+                      slot, strerror(-res), -res, job.fd, static_cast<const void*>(job.data), job.len,
+                      static_cast<long long>(job.offset), job.buf_index, suppressed);
       failed = true;
     } else if (static_cast<size_t>(res) < job.len) {
-      DTL_LOG_ERROR("[iouring_writer] CQE short write (slot %zu): wrote %d of %zu bytes fd=%d data=%p offset=%lld buf_index=%d",
-                    slot, res, job.len, job.fd, static_cast<const void*>(job.data),
-                    static_cast<long long>(job.offset), job.buf_index);
+      if (AllowFailureLine(&suppressed))
+        DTL_LOG_ERROR("[iouring_writer] CQE short write (slot %zu): wrote %d of %zu bytes fd=%d data=%p offset=%lld buf_index=%d"
+                      " (%llu more failed writes not shown)",
+                      slot, res, job.len, job.fd, static_cast<const void*>(job.data),
+                      static_cast<long long>(job.offset), job.buf_index, suppressed);
       failed = true;
+    } else {
+      failure_run_ = 0;
     }
     if (failed && job.on_error) {
       DTL_LOG_DEBUG("[iouring_writer] Invoking on_error for slot %zu fd=%d", slot, job.fd);
       job.on_error();
     }
-    FinishSlot(slot);
+    FinishSlot(slot, res);
   }
 }
 

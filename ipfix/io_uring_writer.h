@@ -12,6 +12,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -47,6 +48,10 @@ class IoUringWriter {
     // Called on the writer thread when the write fails or is short.
     std::function<void()> on_error;
     std::atomic<bool>* in_flight = nullptr;
+    // Called on the writer thread when the job ends, before its in-flight
+    // flag clears, with the bytes written or a negative errno (-ECANCELED
+    // for a job the writer gave up without running).
+    std::function<void(int result)> on_complete;
   };
 
   IoUringWriter();
@@ -99,7 +104,10 @@ class IoUringWriter {
   void ReapCompletions();
   void PrepareAndSubmit();
   // Marks the job of slot finished: in-flight flag and busy mark cleared.
-  void FinishSlot(size_t slot);
+  void FinishSlot(size_t slot, int result = -ECANCELED);
+  // Whether a failed completion is logged now: the first few of a run of
+  // failures, then at most one line a second (a full disk fails every write).
+  bool AllowFailureLine(unsigned long long* suppressed);
   // After the writer loop threw: refuses new jobs and releases every
   // accepted one.
   void ReleaseAfterFailure();
@@ -129,6 +137,11 @@ class IoUringWriter {
   // Jobs in the kernel; changed by the writer thread only (atomic so that
   // Stop may report it).
   std::atomic<uint64_t> in_flight_{0};
+  // Failed completions in a row, those not logged since the last line, and
+  // when that line was written (µs); writer thread only.
+  unsigned long long failure_run_ = 0;
+  unsigned long long failures_not_shown_ = 0;
+  uint64_t last_failure_line_us_ = 0;
 
   // A slot stays busy from Submit until its own job has finished, so a
   // producer never overwrites a job whose completion has not been reaped.

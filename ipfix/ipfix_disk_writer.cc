@@ -1,12 +1,12 @@
 #include "ipfix/ipfix_disk_writer.h"
 
-#include "ipfix/ipfix_session.h"
-
 #include <arpa/inet.h>
-#include <sched.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <boost/filesystem/operations.hpp>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -14,52 +14,16 @@
 
 #include "dtl_counters.h"
 #include "dtl_logger.h"
+#include "ipfix/ipfix_session.h"
 
 namespace dtl::ipfix {
 
 namespace {
 
-// Drops are counted process-wide per kind; only the 1st, 4097th, ... of a
-// kind is logged. Statistics only, hence relaxed.
-struct DropCounter {
-  std::atomic<unsigned long long> value{0};
-  // The new count, and whether this drop is to be logged.
-  std::pair<unsigned long long, bool> Next() {
-    const unsigned long long n = value.fetch_add(1, std::memory_order_relaxed) + 1;
-    return {n, n % 4096 == 1};
-  }
-};
-
-DropCounter g_acquire_bad_worker;
-DropCounter g_acquire_no_state;
-DropCounter g_acquire_not_ready;
-DropCounter g_acquire_in_flight;
-DropCounter g_acquire_too_large;
-DropCounter g_record_bad_worker;
-DropCounter g_record_no_state;
-DropCounter g_record_not_ready;
-
-long long ElapsedUs(std::chrono::steady_clock::time_point since) {
-  return static_cast<long long>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - since)
-          .count() /
-      1000);
-}
-
 uint8_t* AlignedAlloc(uint64_t size) {
   void* memory = nullptr;
   if (size == 0 || posix_memalign(&memory, IpfixDiskWriter::kPageAlign, size) != 0) return nullptr;
   return static_cast<uint8_t*>(memory);
-}
-
-// Resets a block to an empty sample of the given time.
-// The same bytes as a framework reset followed by the sample time, without
-// the reset's clock read: this runs once per sample.
-void ResetBlock(uint8_t* block, uint64_t ts) {
-  auto* data = reinterpret_cast<dtl_counters_data_t*>(block);
-  dtl_magic_value_fill(data->header.magic, DTL_MAGIC_TYPE_DATA);
-  data->padding = 0;
-  data->timestamp = ts;
 }
 
 }  // namespace
@@ -109,8 +73,61 @@ IpfixDiskWriter::PageSizing IpfixDiskWriter::ComputePageSizing(uint32_t block_si
 IpfixDiskWriter::IpfixDiskWriter(const Config& config)
     : config_(config),
       shards_(config.workers == 0 ? 1 : static_cast<size_t>(config.workers)),
-      last_lookup_(shards_.size()) {
+      last_lookup_(shards_.size()),
+      last_tick_ms_(shards_.size(), 0) {
   for (Shard& shard : shards_) shard.max_load_factor(1.0f);
+}
+
+bool IpfixDiskWriter::CheckDataRoot() {
+  namespace fs = boost::filesystem;
+  const char* root = config_.root.c_str();
+  boost::system::error_code ec;
+  fs::create_directories(config_.root, ec);
+  if (!fs::is_directory(config_.root)) {
+    DTL_LOG_ERROR("[IPFIX disk writer] Data root %s cannot be created: %s", root,
+                  ec ? ec.message().c_str() : "not a directory");
+    return false;
+  }
+  // A small file written the way data files are shows a read-only or full
+  // file system, missing permissions, or one that refuses direct I/O.
+  std::string probe = config_.root + "/.dtl-write-check-XXXXXX";
+  const int created = mkstemp(probe.data());
+  if (created < 0) {
+    const int error = errno;
+    DTL_LOG_ERROR("[IPFIX disk writer] Data root %s cannot be written: %s", root, strerror(error));
+    return false;
+  }
+  close(created);
+  struct Cleanup {
+    const std::string& path;
+    uint8_t* page;
+    ~Cleanup() {
+      unlink(path.c_str());
+      free(page);
+    }
+  } cleanup{probe, AlignedAlloc(kPageAlign)};
+  if (cleanup.page == nullptr) return false;
+  std::memset(cleanup.page, 0, kPageAlign);
+  int fd = -1;
+  if (config_.direct_io) {
+    fd = open(probe.c_str(), O_WRONLY | O_DIRECT);
+    if (fd < 0 && errno == EINVAL) {
+      DTL_LOG_WARNING("[IPFIX disk writer] The file system of data root %s refuses direct I/O (O_DIRECT); "
+                      "data files are written through the page cache instead",
+                      root);
+      config_.direct_io = false;
+    }
+  }
+  if (fd < 0) fd = open(probe.c_str(), O_WRONLY);
+  const ssize_t written = fd < 0 ? -1 : pwrite(fd, cleanup.page, kPageAlign, 0);
+  const int error = errno;
+  if (fd >= 0) close(fd);
+  if (written != static_cast<ssize_t>(kPageAlign)) {
+    DTL_LOG_ERROR("[IPFIX disk writer] Data root %s cannot be written: %s", root,
+                  written < 0 ? strerror(error) : "short write");
+    return false;
+  }
+  return true;
 }
 
 IpfixDiskWriter::~IpfixDiskWriter() {
@@ -119,17 +136,22 @@ IpfixDiskWriter::~IpfixDiskWriter() {
   shards_.clear();
 }
 
-void IpfixDiskWriter::Start() {
+bool IpfixDiskWriter::Start() {
   if (config_.root.empty()) {
     DTL_LOG_WARNING("[IPFIX disk writer] Data root not configured, disk writer disabled");
-    return;
+    return true;
   }
-  if (stopped_.load() || started_.exchange(true)) return;
+  if (stopped_.load()) return false;
+  if (started_.exchange(true)) return true;
+  if (!CheckDataRoot()) {
+    started_.store(false);
+    return false;
+  }
 
   writer_.iosqe_async = config_.iosqe_async;
   if (!writer_.Start()) {
     DTL_LOG_ERROR("[IPFIX disk writer] Failed to start shared io_uring writer");
-    return;
+    return false;
   }
 
   const uint64_t slots = 3 * config_.max_sessions + 1;
@@ -164,6 +186,7 @@ void IpfixDiskWriter::Start() {
   DTL_LOG_INFO("[IPFIX disk writer] Starting, data_root=%s counters_template='%s'",
                config_.root.c_str(), config_.counters_template.c_str());
   retention_.Start(config_);
+  return true;
 }
 
 void IpfixDiskWriter::Stop() {
@@ -208,175 +231,6 @@ const IpfixDiskWriter::DomainState* IpfixDiskWriter::FindSession(size_t worker_i
   return it == shards_[worker_id].end() ? nullptr : it->second.get();
 }
 
-IpfixDiskWriter::DomainState* IpfixDiskWriter::Lookup(size_t worker_id, const std::string& key) {
-  if (worker_id >= shards_.size()) return nullptr;
-  // Consecutive records nearly always belong to the session of the one
-  // before; comparing a short key beats hashing it.
-  LastLookup& last = last_lookup_[worker_id];
-  if (last.state != nullptr && last.key == key) return last.state;
-  auto it = shards_[worker_id].find(key);
-  if (it == shards_[worker_id].end()) return nullptr;
-  last.key = key;
-  last.state = it->second.get();
-  return last.state;
-}
-
-// A session whose header page could not be allocated counts as not ready:
-// its files would otherwise begin without the data file header. The next
-// schema update retries the allocation.
-bool IpfixDiskWriter::Ready(const DomainState& state) {
-  return state.data_file && state.block_size != 0 && state.buf[0] != nullptr &&
-         state.header_page != nullptr;
-}
-
-bool IpfixDiskWriter::InHeaderMode(const DomainState& state) {
-  return state.data_file->written_bytes == 0 && state.header_page != nullptr;
-}
-
-uint64_t IpfixDiskWriter::NoteSampleTime(DomainState& state, uint32_t time_sec, uint32_t time_nsec) {
-  const uint64_t ts = static_cast<uint64_t>(time_sec) * 1000000u + time_nsec / 1000u;
-  if (state.count == 0) state.first_ts = ts;
-  state.last_ts = ts;
-  return ts;
-}
-
-uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::string& key,
-                                                 uint32_t time_sec, uint32_t time_nsec,
-                                                 uint64_t values_size) {
-  if (worker_id >= shards_.size()) {
-    auto [n, log] = g_acquire_bad_worker.Next();
-    if (log)
-      DTL_LOG_WARNING(
-          "[IPFIX disk writer] AcquireRecordValueSlot: bad worker_id=%zu (shards=%zu) (drop #%llu)",
-          worker_id, shards_.size(), n);
-    return nullptr;
-  }
-  DomainState* state = Lookup(worker_id, key);
-  if (state == nullptr) {
-    auto [n, log] = g_acquire_no_state.Next();
-    if (log)
-      DTL_LOG_WARNING(
-          "[IPFIX disk writer] AcquireRecordValueSlot: no state for session=%s worker=%zu (drop #%llu)",
-          SessionDisplayName(key).c_str(), worker_id, n);
-    return nullptr;
-  }
-  DomainState& s = *state;
-  if (!Ready(s)) {
-    auto [n, log] = g_acquire_not_ready.Next();
-    if (log)
-      DTL_LOG_WARNING(
-          "[IPFIX disk writer] AcquireRecordValueSlot: session=%s not ready (data_file=%d "
-          "block_size=%u buf=%d) (drop #%llu)",
-          SessionDisplayName(key).c_str(), s.data_file ? 1 : 0, s.block_size,
-          (s.buf[0] != nullptr && s.header_page != nullptr) ? 1 : 0, n);
-    return nullptr;
-  }
-
-  const uint64_t ts = NoteSampleTime(s, time_sec, time_nsec);
-  uint8_t* block;
-  if (InHeaderMode(s)) {
-    if (s.count == 0) std::memset(s.header_page + kHeaderSize, 0, s.header_size - kHeaderSize);
-    block = s.header_page + kHeaderSize + static_cast<uint64_t>(s.count) * s.block_size;
-  } else {
-    if (s.page_in_flight[s.active].load()) {
-      auto [n, log] = g_acquire_in_flight.Next();
-      if (log)
-        DTL_LOG_WARNING(
-            "[IPFIX disk writer] AcquireRecordValueSlot: active buffer in flight session=%s (drop #%llu)",
-            SessionDisplayName(key).c_str(), n);
-      return nullptr;
-    }
-    block = s.buf[s.active] + static_cast<uint64_t>(s.count) * s.block_size;
-  }
-
-  const uint64_t capacity = s.block_size - kBlockHeaderSize;
-  ResetBlock(block, ts);
-  if (values_size > capacity) {
-    auto [n, log] = g_acquire_too_large.Next();
-    if (log)
-      DTL_LOG_ERROR(
-          "[IPFIX disk writer] AcquireRecordValueSlot: values_size=%zu exceeds values_capacity=%zu "
-          "(block_size=%u) session=%s (drop #%llu)",
-          static_cast<size_t>(values_size), static_cast<size_t>(capacity), s.block_size,
-          SessionDisplayName(key).c_str(), n);
-    return nullptr;
-  }
-  std::memset(block + kBlockHeaderSize + values_size, 0, capacity - values_size);
-  s.pending = block;
-  return block + kBlockHeaderSize;
-}
-
-void IpfixDiskWriter::CommitRecord(size_t worker_id, const std::string& key, uint64_t /*values_size*/) {
-  DomainState* state = Lookup(worker_id, key);
-  if (state == nullptr || state->pending == nullptr) return;
-  DomainState& s = *state;
-  s.pending = nullptr;
-  ++s.count;
-  if (InHeaderMode(s)) {
-    if (s.count >= s.hdr_blocks) FlushState(s);
-  } else if (s.count >= s.batch_capacity) {
-    FlushState(s);
-  }
-}
-
-void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
-  const size_t worker_id = static_cast<size_t>(record.worker_id);
-  const std::string empty;
-  const std::string& key = record.session_key != nullptr ? *record.session_key : empty;
-  if (worker_id >= shards_.size()) {
-    auto [n, log] = g_record_bad_worker.Next();
-    if (log)
-      DTL_LOG_WARNING("[IPFIX disk writer] ProcessRecord: bad worker_id=%zu (shards=%zu) (drop #%llu)",
-                      worker_id, shards_.size(), n);
-    return;
-  }
-  DomainState* state = Lookup(worker_id, key);
-  if (state == nullptr) {
-    auto [n, log] = g_record_no_state.Next();
-    if (log)
-      DTL_LOG_WARNING("[IPFIX disk writer] ProcessRecord: no state for session=%s worker=%zu (drop #%llu)",
-                      SessionDisplayName(key).c_str(), worker_id, n);
-    return;
-  }
-  DomainState& s = *state;
-  if (!Ready(s)) {
-    auto [n, log] = g_record_not_ready.Next();
-    if (log)
-      DTL_LOG_WARNING(
-          "[IPFIX disk writer] ProcessRecord: session=%s not ready (data_file=%d block_size=%u "
-          "buf=%d) (drop #%llu)",
-          SessionDisplayName(key).c_str(), s.data_file ? 1 : 0, s.block_size,
-          (s.buf[0] != nullptr && s.header_page != nullptr) ? 1 : 0, n);
-    return;
-  }
-
-  const uint64_t ts = NoteSampleTime(s, record.time_sec, record.time_nsec);
-  uint8_t* block;
-  uint32_t limit;
-  if (InHeaderMode(s)) {
-    if (s.count == 0) std::memset(s.header_page + kHeaderSize, 0, s.header_size - kHeaderSize);
-    block = s.header_page + kHeaderSize + static_cast<uint64_t>(s.count) * s.block_size;
-    limit = s.hdr_blocks;
-  } else {
-    block = s.buf[s.active] + static_cast<uint64_t>(s.count) * s.block_size;
-    limit = s.batch_capacity;
-  }
-
-  ResetBlock(block, ts);
-  const uint64_t capacity = s.block_size - kBlockHeaderSize;
-  uint8_t* values = block + kBlockHeaderSize;
-  uint64_t offset = 0;
-  for (uint64_t i = 0; i < record.fragment_count && record.fragments != nullptr; ++i) {
-    const CounterWriteRecord::Fragment& fragment = record.fragments[i];
-    if (fragment.data == nullptr || fragment.length == 0 || fragment.length > capacity - offset) continue;
-    std::memcpy(values + offset, fragment.data, fragment.length);
-    offset += fragment.length;
-  }
-  std::memset(values + offset, 0, capacity - offset);
-  s.pending = nullptr;
-  ++s.count;
-  if (s.count >= limit) FlushState(s);
-}
 
 void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
   DTL_LOG_INFO("[IPFIX disk writer] RemoveSession: worker=%zu session=%s", worker_id,
@@ -398,171 +252,12 @@ void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
   DTL_LOG_INFO("[IPFIX disk writer] Removed session %s", src.c_str());
 }
 
-void IpfixDiskWriter::FlushPage(size_t worker_id, const std::string& key) {
-  DomainState* state = Lookup(worker_id, key);
-  if (state != nullptr) FlushState(*state);
-}
-
-void IpfixDiskWriter::FlushAll(DomainState& state) {
-  // Each pass either empties the page or writes at least one block, so this
-  // ends; only a header page that left a remainder needs a second pass.
-  uint32_t before = 0;
-  while (state.count != 0 && state.data_file && state.count != before) {
-    before = state.count;
-    FlushState(state);
-  }
-}
-
-void IpfixDiskWriter::ResetPage(DomainState& state) {
-  state.count = 0;
-  state.first_ts = 0;
-  state.last_ts = 0;
-}
-
-void IpfixDiskWriter::FlushState(DomainState& s) {
-  if (s.count == 0 || !s.data_file) return;
-  AsyncDataFile& file = *s.data_file;
-  // Where the committed blocks are: AcquireRecordValueSlot chose the header
-  // page exactly while the file had no bytes, and only this function adds
-  // bytes.
-  const bool blocks_in_header = InHeaderMode(s);
-  // Blocks move or buffers switch below; a block handed out before is void.
-  s.pending = nullptr;
-
-  // A file closed by a setting change has no current file; its page must
-  // start a new one rather than be dropped.
-  if (file.NeedRotation(s.first_ts, s.last_ts) || !file.has_file()) {
-    WaitForInFlight(s);
-    long closed_size = 0;
-    const std::string closed = file.Rotate(s.first_ts, &closed_size);
-    if (!closed.empty() && closed_size > 0 && retention_.Enabled())
-      retention_.RecordClosedFile(boost::filesystem::path(closed), static_cast<uint64_t>(closed_size));
-  }
-
-  if (InHeaderMode(s)) {
-    FlushHeaderPage(s, blocks_in_header);
-  } else {
-    FlushDataPage(s, blocks_in_header);
-  }
-}
-
-void IpfixDiskWriter::FlushHeaderPage(DomainState& s, bool blocks_in_header) {
-  AsyncDataFile& file = *s.data_file;
-  if (s.header_in_flight.load()) {
-    DTL_LOG_WARNING("[IPFIX disk writer] FlushPage: spinning on header_in_flight enter src=%s",
-                    s.src.c_str());
-    const auto since = std::chrono::steady_clock::now();
-    unsigned long long iters = 0;
-    while (s.header_in_flight.load()) {
-      sched_yield();
-      ++iters;
-    }
-    DTL_LOG_WARNING(
-        "[IPFIX disk writer] FlushPage: header_in_flight cleared iters=%llu elapsed_us=%lld src=%s",
-        iters, ElapsedUs(since), s.src.c_str());
-  }
-
-  const uint32_t n = std::min(s.count, s.hdr_blocks);
-  if (!blocks_in_header) {
-    // The file was rotated under a data page: its first blocks move into the
-    // header page.
-    std::memset(s.header_page + kHeaderSize, 0, s.header_size - kHeaderSize);
-    std::memcpy(s.header_page + kHeaderSize, s.buf[s.active], static_cast<size_t>(n) * s.block_size);
-  }
-  file.FillFileHeader(s.header_page, kHeaderSize);
-  s.header_in_flight.store(true);
-  const size_t write_size = kHeaderSize + static_cast<size_t>(n) * s.block_size;
-  DTL_LOG_DEBUG(
-      "[IPFIX disk writer] FlushPage: writing header page src=%s write_size=%zu hdr_blocks=%u bidx=%d",
-      s.src.c_str(), write_size, n, s.header_buf_index);
-  if (write_size % kPageAlign != 0) {
-    DTL_LOG_DEBUG("[IPFIX disk writer] FlushPage: header write_size=%zu not 4K-aligned — using WriteSync",
-                  write_size);
-    s.header_in_flight.store(false);
-    // An append must not overtake a write still in flight.
-    WaitForInFlight(s);
-    file.WriteSync(s.header_page, write_size, s.first_ts, s.last_ts);
-  } else {
-    file.Write(s.header_page, write_size, s.first_ts, s.last_ts, &s.header_in_flight,
-               s.header_buf_index);
-  }
-
-  if (s.count > n) {
-    const uint32_t rest = s.count - n;
-    std::memmove(s.buf[s.active], s.buf[s.active] + static_cast<size_t>(n) * s.block_size,
-                 static_cast<size_t>(rest) * s.block_size);
-    s.count = rest;
-    return;
-  }
-  ResetPage(s);
-}
-
-void IpfixDiskWriter::FlushDataPage(DomainState& s, bool blocks_in_header) {
-  AsyncDataFile& file = *s.data_file;
-  if (s.buf[0] == nullptr) return;
-  if (blocks_in_header) {
-    // The file was continued at a non-zero size (its path already existed):
-    // the blocks gathered for a header page become a data page. The active
-    // buffer is never in flight (FlushPage waits before switching to it).
-    std::memcpy(s.buf[s.active], s.header_page + kHeaderSize, static_cast<size_t>(s.count) * s.block_size);
-  }
-  const size_t len = static_cast<size_t>(s.count) * s.block_size;
-  // Direct I/O needs the file offset aligned as well as the length.
-  const bool aligned = len % kPageAlign == 0 &&
-                       (!file.use_direct_io() || file.written_bytes % static_cast<int64_t>(kPageAlign) == 0);
-  if (aligned) {
-    const unsigned other = s.active ^ 1u;
-    if (s.page_in_flight[other].load()) {
-      DTL_LOG_DEBUG("[IPFIX disk writer] FlushPage: spinning on page_in_flight[%u] enter src=%s", other,
-                    s.src.c_str());
-      const auto since = std::chrono::steady_clock::now();
-      unsigned long long iters = 0;
-      while (s.page_in_flight[other].load()) {
-        sched_yield();
-        ++iters;
-      }
-      DTL_LOG_DEBUG(
-          "[IPFIX disk writer] FlushPage: page_in_flight[%u] cleared iters=%llu elapsed_us=%lld src=%s",
-          other, iters, ElapsedUs(since), s.src.c_str());
-    }
-    s.page_in_flight[s.active].store(true);
-    DTL_LOG_DEBUG("[IPFIX disk writer] FlushPage: async write buf[%u] len=%zu bidx=%d src=%s",
-                  static_cast<unsigned>(s.active), len, s.buf_index[s.active], s.src.c_str());
-    file.Write(s.buf[s.active], len, s.first_ts, s.last_ts, &s.page_in_flight[s.active],
-               s.buf_index[s.active]);
-    s.active = static_cast<uint8_t>(other);
-    ResetPage(s);
-    return;
-  }
-  DTL_LOG_DEBUG(
-      "[IPFIX disk writer] FlushPage: partial page len=%zu not 4K-aligned — using WriteSync src=%s", len,
-      s.src.c_str());
-  WaitForInFlight(s);
-  file.WriteSync(s.buf[s.active], len, s.first_ts, s.last_ts);
-  ResetPage(s);
-}
-
-void IpfixDiskWriter::WaitForInFlight(DomainState& s) {
-  auto busy = [&s] {
-    return s.page_in_flight[0].load() || s.page_in_flight[1].load() || s.header_in_flight.load();
-  };
-  if (!busy()) return;
-  DTL_LOG_WARNING("[IPFIX disk writer] WaitForInFlight: enter page[0]=%d page[1]=%d header=%d src=%s",
-                  s.page_in_flight[0].load() ? 1 : 0, s.page_in_flight[1].load() ? 1 : 0,
-                  s.header_in_flight.load() ? 1 : 0, s.src.c_str());
-  const auto since = std::chrono::steady_clock::now();
-  unsigned long long iters = 0;
-  while (busy()) {
-    sched_yield();
-    ++iters;
-  }
-  DTL_LOG_WARNING("[IPFIX disk writer] WaitForInFlight: done iters=%llu elapsed_us=%lld src=%s", iters,
-                  ElapsedUs(since), s.src.c_str());
-}
-
 void IpfixDiskWriter::AllocateBuffers(DomainState& s) {
   const PageSizing sizing = ComputePageSizing(s.block_size, config_.batch_count);
   s.batch_capacity = sizing.batch_capacity;
+  // Without an aligned header page the data pages start at unaligned
+  // offsets, which direct I/O cannot write: such files are buffered.
+  if (s.data_file) s.data_file->direct_io_blocked = !sizing.header_aligned;
   DTL_LOG_INFO(
       "[IPFIX disk writer] AllocateBuffers: src=%s block_size=%u min_batch=%u bytes_target=%u "
       "target=%u batch_capacity=%u buffer_size=%zu",

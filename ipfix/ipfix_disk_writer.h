@@ -99,9 +99,32 @@ class IpfixDiskWriter final : public IpfixSessionSink {
     std::atomic<bool> header_in_flight{false};
     uint32_t batch_capacity = 0;
     uint32_t count = 0;  // blocks committed in the page being filled
-    uint64_t first_ts = 0;
-    uint64_t last_ts = 0;
+    uint64_t first_ts = 0;  // time of the page's first committed block
+    uint64_t last_ts = 0;   // time of its latest committed block
     uint8_t* pending = nullptr;  // block handed out and not yet committed
+
+    // Blocks always gather in buf[active] from block 0. Until the current
+    // file has its header unit (the 256-byte header and hdr_blocks blocks)
+    // a flush writes them through the header page; afterwards the page is
+    // written at page_offset. A partial flush (idle session, stop) writes
+    // the blocks so far and keeps them: the next flush writes the page again
+    // at the same offset with the blocks that followed.
+    bool header_written = false;
+    uint64_t page_offset = 0;
+    uint32_t flushed = 0;  // blocks of the page already on their way to disk
+
+    uint64_t committed = 0;          // samples committed over the session's life
+    uint64_t committed_at_tick = 0;  // `committed` at the last worker tick
+    uint64_t idle_since_ms = 0;      // when `committed` last changed, by the ticks
+    uint64_t lost = 0;               // samples lost to storage faults
+    uint64_t lost_at_fault = 0;      // `lost` when the current fault began
+    bool in_fault = false;           // storage is failing; logged once until it works
+    uint8_t writes_since_check = 0;  // page writes since the file was last checked
+
+    // The published files, byte for byte, so that they can be checked and
+    // written again when they go missing or are damaged.
+    std::string schema_text;
+    std::string metadata_text;
   };
 
   // How a block size turns into page and header-page sizes.
@@ -134,9 +157,11 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   IpfixDiskWriter(const IpfixDiskWriter&) = delete;
   IpfixDiskWriter& operator=(const IpfixDiskWriter&) = delete;
 
-  // Starts the io_uring writer and registers the buffer pool; nothing starts
-  // when the root is empty.
-  void Start() override;
+  // Checks that the data root can be created and written (choosing buffered
+  // writes where the file system refuses direct I/O), starts the io_uring
+  // writer and registers the buffer pool. False when the root is unusable
+  // or the writer cannot start; nothing starts when the root is empty.
+  bool Start() override;
   // Flushes and drains every session, then stops the io_uring writer. Once.
   void Stop() override;
   const std::string& root() const override { return config_.root; }
@@ -147,6 +172,9 @@ class IpfixDiskWriter final : public IpfixSessionSink {
                                   uint32_t time_nsec, uint64_t values_size) override;
   void CommitRecord(size_t worker_id, const std::string& key, uint64_t values_size) override;
   void RemoveSession(size_t worker_id, const std::string& key) override;
+  // Flushes the partial page of every session of the worker that has had no
+  // new sample for flush_idle_ms.
+  void Tick(size_t worker_id) override;
 
   // Copying variant of AcquireRecordValueSlot + CommitRecord.
   void ProcessRecord(const CounterWriteRecord& record);
@@ -171,13 +199,32 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   // Timestamp bookkeeping of a new sample; returns its time in µs.
   static uint64_t NoteSampleTime(DomainState& state, uint32_t time_sec, uint32_t time_nsec);
 
+  // Where the next sample of a ready session goes; null when its page is
+  // full and cannot be written.
+  uint8_t* AcquireBlock(DomainState& state, uint64_t ts);
+  void Commit(DomainState& state);
+  // Writes the committed blocks not yet written (a full page, or the page so
+  // far as a partial write), after handling write faults, outside damage
+  // and rotation of the session's file.
   void FlushState(DomainState& state);
-  // Flushes until the page is empty (a header page may leave a remainder).
+  // Flushes until every committed block is on its way to disk.
   void FlushAll(DomainState& state);
-  void FlushHeaderPage(DomainState& state, bool blocks_in_header);
-  void FlushDataPage(DomainState& state, bool blocks_in_header);
+  void WriteHeaderUnit(DomainState& state);
+  void WriteDataPage(DomainState& state);
+  // A write failed or the file was damaged from outside: close it keeping
+  // what is good, count what is lost, and say so once per fault.
+  void HandleFileFault(DomainState& state, AsyncDataFile::DiskState fault);
+  // Starting the next file: the page's blocks already written belong to the
+  // file being closed and leave the page.
+  static void DropWrittenBlocks(DomainState& state);
+  void NoteLoss(DomainState& state, uint64_t samples, const char* what);
+  void NoteHealthy(DomainState& state);
+  void ReportClosedFile(const std::string& path, uint64_t size);
   static void WaitForInFlight(DomainState& state);
   static void ResetPage(DomainState& state);
+  // Creates the data root and writes a probe file there (choosing buffered
+  // writes where direct I/O is refused). False with a log line when unusable.
+  bool CheckDataRoot();
 
   void AllocateBuffers(DomainState& state);
   // Claims a slot for buffer and queues its registration; -1 when none.
@@ -193,6 +240,10 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   void CreateDataFile(DomainState& state);
   void WriteSchemaJson(DomainState& state, const SchemaSnapshot& snapshot);
   void WriteMetadataJson(DomainState& state, const SchemaSnapshot& snapshot);
+  // Makes sure the schema and metadata files of the session are on disk with
+  // exactly the published text; writes them again when they are missing or
+  // differ (a data root removed, a file cut short by a full disk).
+  void EnsurePublished(DomainState& state);
   std::string SchemaDir() const { return config_.root + "/schema"; }
   std::string MetadataDir() const { return config_.root + "/metadata"; }
 
@@ -213,6 +264,8 @@ class IpfixDiskWriter final : public IpfixSessionSink {
     DomainState* state = nullptr;
   };
   std::vector<LastLookup> last_lookup_;
+  // Per worker: when its sessions were last looked at for idle pages (ms).
+  std::vector<uint64_t> last_tick_ms_;
 };
 
 }  // namespace dtl::ipfix

@@ -1,8 +1,8 @@
 // Schema updates of the disk writer: applying a session's snapshot to its
 // state and data file, counter naming, and publication of the counters-schema
-// and metadata files.
-#include <errno.h>
-#include <stdio.h>
+// and metadata files, which are checked again, and written again when missing
+// or damaged, each time a session starts a data file.
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -10,15 +10,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <set>
 #include <unordered_set>
 
+#include "dtl_atomic_file.h"
 #include "dtl_counters.h"
 #include "dtl_json.h"
 #include "dtl_logger.h"
 #include "dtl_schema_file.h"
-#include "dtl_schema_writer.h"
 #include "dtl_source.h"
 #include "ipfix/ipfix_disk_writer.h"
 
@@ -90,6 +93,91 @@ bool SameSchema(const SchemaSnapshot& a, const SchemaSnapshot& b) {
          a.flat_fields == b.flat_fields;
 }
 
+std::string MetadataFilePath(const std::string& dir, const unsigned char* schema_id) {
+  char* id_text = dtl_schema_id_string(schema_id);
+  if (id_text == nullptr) return {};
+  std::string path = dir + "/metadata_" + id_text + ".json";
+  free(id_text);
+  return path;
+}
+
+// Reads a whole file; false when it cannot be read.
+bool ReadText(const std::string& path, std::string* text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad();
+}
+
+enum class OnDisk { kSame, kMissing, kDiffers };
+
+// How the file at path compares with text. Cheap when all is well: the size
+// from stat decides first and the content is read only when it matches.
+OnDisk Inspect(const std::string& path, const std::string& text) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) return OnDisk::kMissing;
+  if (!S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) != text.size()) return OnDisk::kDiffers;
+  std::string content;
+  return ReadText(path, &content) && content == text ? OnDisk::kSame : OnDisk::kDiffers;
+}
+
+// Switches that export the same counters share one schema and so one
+// metadata file name; their metadata texts differ only in "source". Such a
+// file is another session's publication, not damage, and is left alone.
+bool SameCountersOfAnotherSource(const std::string& path, const std::string& text) {
+  std::string content;
+  if (!ReadText(path, &content)) return false;
+  const dtl::json::value on_disk = dtl::json::value::parse(content, nullptr, false);
+  const dtl::json::value ours = dtl::json::value::parse(text, nullptr, false);
+  return on_disk.is_object() && ours.is_object() && on_disk.contains("metadata_content") &&
+         ours.contains("metadata_content") && on_disk["metadata_content"] == ours["metadata_content"];
+}
+
+enum class Published { kAlreadyThere, kWritten, kFailed };
+enum class Kind { kSchema, kMetadata };
+
+// Makes the schema or metadata file at path hold exactly text. A repair is
+// the check made when a data file starts: whatever it has to write again is
+// logged as a warning. A schema file is named by the digest of its text, so
+// a different content is always damage.
+Published Publish(Kind what, const std::string& path, const std::string& text, const std::string& src,
+                  bool repair) {
+  if (path.empty()) return Published::kFailed;
+  const bool schema = what == Kind::kSchema;
+  const char* kind = schema ? "schema" : "metadata";
+  const OnDisk state = Inspect(path, text);
+  if (state == OnDisk::kSame) return Published::kAlreadyThere;
+
+  if (state == OnDisk::kMissing) {
+    const std::string dir = boost::filesystem::path(path).parent_path().string();
+    boost::system::error_code ec;
+    boost::filesystem::create_directories(dir, ec);
+    if (ec) {
+      DTL_LOG_ERROR("[IPFIX disk writer] mkdir %s: %s", dir.c_str(), ec.message().c_str());
+      return Published::kFailed;
+    }
+    if (repair)
+      DTL_LOG_WARNING("[IPFIX disk writer] Session %s: %s file %s is missing; writing it again", src.c_str(),
+                      kind, path.c_str());
+  } else if (schema) {
+    DTL_LOG_WARNING("[IPFIX disk writer] Session %s: schema file %s does not match its identifier; writing it "
+                    "again",
+                    src.c_str(), path.c_str());
+  } else if (repair) {
+    if (SameCountersOfAnotherSource(path, text)) return Published::kAlreadyThere;
+    DTL_LOG_WARNING("[IPFIX disk writer] Session %s: metadata file %s is damaged; writing it again", src.c_str(),
+                    path.c_str());
+  }
+
+  std::string error;
+  if (!dtl::WriteFileAtomically(path, text, &error)) {
+    DTL_LOG_ERROR("[IPFIX disk writer] Session %s: could not write %s file %s: %s", src.c_str(), kind,
+                  path.c_str(), error.c_str());
+    return Published::kFailed;
+  }
+  return Published::kWritten;
+}
+
 }  // namespace
 
 std::vector<IpfixDiskWriter::CounterEntry> IpfixDiskWriter::BuildCounterEntries(
@@ -154,8 +242,11 @@ void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key
   DomainState& s = *it->second;
 
   // A new state has nothing applied yet, whatever its empty stored snapshot
-  // compares equal to.
-  if (!created && SameSchema(snapshot, s.schema)) return;
+  // compares equal to. An unchanged schema still gets its files checked.
+  if (!created && SameSchema(snapshot, s.schema)) {
+    EnsurePublished(s);
+    return;
+  }
 
   // Blocks of the old layout go out first, and no write may still be in
   // flight when a setting change below closes the file.
@@ -178,22 +269,16 @@ void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key
   s.block_size = block_size;
   s.data_file->setBlockSize(block_size);
 
-  const std::string schema_dir = SchemaDir();
-  const std::string metadata_dir = MetadataDir();
-  for (const std::string* dir : {&schema_dir, &metadata_dir}) {
-    boost::system::error_code ec;
-    boost::filesystem::create_directories(*dir, ec);
-    if (ec) {
-      DTL_LOG_ERROR("[IPFIX disk writer] mkdir %s: %s", dir->c_str(), ec.message().c_str());
-      return;
-    }
-  }
-
+  // A publication that fails leaves the texts in the state; EnsurePublished
+  // writes them when the session starts its next data file.
   WriteSchemaJson(s, snapshot);
   s.data_file->setCounterSchemaId(s.schema_id);
   AllocateBuffers(s);
   WriteMetadataJson(s, snapshot);
   s.schema = snapshot;
+  // A changed block size or schema closed the file: the next samples start
+  // a new one with its header unit.
+  if (!s.data_file->has_file()) s.header_written = false;
 }
 
 void IpfixDiskWriter::CreateDataFile(DomainState& s) {
@@ -262,36 +347,34 @@ void IpfixDiskWriter::WriteSchemaJson(DomainState& s, const SchemaSnapshot& snap
     return;
   }
   std::memcpy(s.schema_id, id, sizeof(id));
-  dtl_json_value_t* json = dtl_counters_schema_jsonify(schema);
+  const std::unique_ptr<dtl_json_value_t, void (*)(dtl_json_value_t*)> json(dtl_counters_schema_jsonify(schema),
+                                                                            &dtl_json_value_free);
   dtl_destroy_counters_schema(schema);
+  s.schema_text.clear();  // the text of the previous identifier no longer applies
   if (json == nullptr) {
     DTL_LOG_ERROR("[IPFIX disk writer] Session %s: failed to jsonify counters schema", s.src.c_str());
     return;
   }
-
-  const std::string dir = SchemaDir();
-  const std::string path = dtl::data_file::get_schema_file_path(dir, s.schema_id);
-  boost::system::error_code ec;
-  const bool on_disk = !path.empty() && boost::filesystem::exists(path, ec) &&
-                       [&] {
-                         const auto size = boost::filesystem::file_size(path, ec);
-                         return !ec && size > 0;
-                       }();
-  if (on_disk) {
-    DTL_LOG_DEBUG("[IPFIX disk writer] Session %s: schema already on disk, not rewriting", s.src.c_str());
-  } else {
-    try {
-      dtl::SchemaWriter writer;
-      writer.report = true;
-      writer.schema_dir = dir;
-      writer.root_dir = ".";
-      writer.onSchema(json->v);
-      DTL_LOG_INFO("[IPFIX disk writer] Session %s: schema updated", s.src.c_str());
-    } catch (const std::exception&) {
-      // The schema writer logged the reason before raising it.
-    }
+  // The identifier is the digest of exactly this text.
+  try {
+    s.schema_text = dtl::json::serialize_pretty(json->v);
+  } catch (const std::exception& e) {
+    DTL_LOG_ERROR("[IPFIX disk writer] Session %s: failed to serialize counters schema: %s", s.src.c_str(),
+                  e.what());
+    return;
   }
-  dtl_json_value_free(json);
+
+  const std::string path = dtl::data_file::get_schema_file_path(SchemaDir(), s.schema_id);
+  switch (Publish(Kind::kSchema, path, s.schema_text, s.src, /*repair=*/false)) {
+    case Published::kAlreadyThere:
+      DTL_LOG_DEBUG("[IPFIX disk writer] Session %s: schema already on disk, not rewriting", s.src.c_str());
+      break;
+    case Published::kWritten:
+      DTL_LOG_INFO("[IPFIX disk writer] Session %s: schema updated", s.src.c_str());
+      break;
+    case Published::kFailed:
+      break;
+  }
 }
 
 void IpfixDiskWriter::WriteMetadataJson(DomainState& s, const SchemaSnapshot& snapshot) {
@@ -328,48 +411,28 @@ void IpfixDiskWriter::WriteMetadataJson(DomainState& s, const SchemaSnapshot& sn
   }
   root["metadata_content"]["counters"]["name_match_labels"] = std::move(labels);
 
-  char* id_text = dtl_schema_id_string(s.schema_id);
-  if (id_text == nullptr) {
+  // Compact, non-ASCII as UTF-8; names were made valid UTF-8 above, and the
+  // replace handler keeps a stray byte from ever throwing here.
+  s.metadata_text = root.dump(-1, ' ', false, dtl::json::value::error_handler_t::replace);
+
+  const std::string path = MetadataFilePath(MetadataDir(), s.schema_id);
+  if (path.empty()) {
     DTL_LOG_ERROR("[IPFIX disk writer] WriteMetadataJson: dtl_schema_id_string() failed for source %s",
                   s.src.c_str());
     return;
   }
-  const std::string final_path = MetadataDir() + "/metadata_" + id_text + ".json";
-  const std::string tmp_path = final_path + ".tmp";
-  free(id_text);
+  if (Publish(Kind::kMetadata, path, s.metadata_text, s.src, /*repair=*/false) == Published::kWritten)
+    DTL_LOG_INFO("[IPFIX disk writer] Session %s: metadata.json updated (%zu fields, %zu shape group(s))",
+                 s.src.c_str(), snapshot.flat_fields.size(), groups_written);
+}
 
-  // Compact, non-ASCII as UTF-8; names were made valid UTF-8 above, and the
-  // replace handler keeps a stray byte from ever throwing here.
-  const std::string text = root.dump(-1, ' ', false, dtl::json::value::error_handler_t::replace);
-
-  DTL_LOG_DEBUG("[IPFIX disk writer] WriteMetadataJson: fopen %s", tmp_path.c_str());
-  FILE* file = fopen(tmp_path.c_str(), "w");
-  if (file == nullptr) {
-    const int err = errno;
-    DTL_LOG_ERROR("[IPFIX disk writer] WriteMetadataJson fopen(%s) failed: %s (errno=%d)", tmp_path.c_str(),
-                  strerror(err), err);
-    return;
-  }
-  const size_t written = fwrite(text.data(), 1, text.size(), file);
-  if (written < text.size()) {
-    const int err = errno;
-    DTL_LOG_ERROR("[IPFIX disk writer] WriteMetadataJson fwrite(%s) failed: %s (errno=%d)", tmp_path.c_str(),
-                  strerror(err), err);
-    fclose(file);
-    remove(tmp_path.c_str());
-    return;
-  }
-  fclose(file);
-  DTL_LOG_DEBUG("[IPFIX disk writer] WriteMetadataJson: rename %s -> %s", tmp_path.c_str(), final_path.c_str());
-  if (rename(tmp_path.c_str(), final_path.c_str()) != 0) {
-    const int err = errno;
-    DTL_LOG_ERROR("[IPFIX disk writer] WriteMetadataJson rename(%s -> %s) failed: %s (errno=%d)",
-                  tmp_path.c_str(), final_path.c_str(), strerror(err), err);
-    return;
-  }
-  DTL_LOG_DEBUG("[IPFIX disk writer] WriteMetadataJson: rename ok -> %s", final_path.c_str());
-  DTL_LOG_INFO("[IPFIX disk writer] Session %s: metadata.json updated (%zu fields, %zu shape group(s))",
-               s.src.c_str(), snapshot.flat_fields.size(), groups_written);
+void IpfixDiskWriter::EnsurePublished(DomainState& s) {
+  if (!s.schema_text.empty())
+    Publish(Kind::kSchema, dtl::data_file::get_schema_file_path(SchemaDir(), s.schema_id), s.schema_text,
+            s.src, /*repair=*/true);
+  if (!s.metadata_text.empty())
+    Publish(Kind::kMetadata, MetadataFilePath(MetadataDir(), s.schema_id), s.metadata_text, s.src,
+            /*repair=*/true);
 }
 
 }  // namespace dtl::ipfix

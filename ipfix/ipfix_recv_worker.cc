@@ -226,6 +226,7 @@ void IpfixRecvWorker::ReceiveLoop() {
         ProcessMessage(SlotData(i), length, *SlotAddress(i));
       }
       Bump(batches_, 1);
+      if (sink_ != nullptr) sink_->Tick(index_);
       continue;
     }
 
@@ -240,6 +241,8 @@ void IpfixRecvWorker::ReceiveLoop() {
                           strerror(error), error, error_count);
       }
     }
+    // Quiet sessions still get their pending samples written.
+    if (sink_ != nullptr) sink_->Tick(index_);
     if (backoff == 0) continue;
     SleepMicros(backoff);
     backoff = std::min(2 * backoff, config_.backoff_max_us);

@@ -15,7 +15,9 @@ class IpfixSessionSink {
  public:
   virtual ~IpfixSessionSink() = default;
 
-  virtual void Start() = 0;
+  // False when storage cannot work (for example an unusable data root); the
+  // receiver then does not start.
+  virtual bool Start() = 0;
   virtual void Stop() = 0;
 
   // Data root; sessions hand nothing to a sink whose root is empty.
@@ -37,6 +39,11 @@ class IpfixSessionSink {
 
   // The session is going away: flush and forget it.
   virtual void RemoveSession(size_t worker_id, const std::string& key) = 0;
+
+  // Called by worker worker_id on its own thread a few times a second, with
+  // or without traffic, so that time-driven work (flushing the pages of
+  // sessions that went quiet) needs no thread of its own.
+  virtual void Tick(size_t /*worker_id*/) {}
 };
 
 }  // namespace dtl::ipfix

@@ -75,18 +75,19 @@ IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options) {
   disk.direct_io = Read<bool>(options, "ipfix-disk-direct-io", true);
   disk.iosqe_async = Read<bool>(options, "ipfix-iouring-iosqe-async", false);
   disk.batch_count = Read<unsigned int>(options, "ipfix-disk-batch-count", 1000);
+  disk.flush_idle_ms = Read<unsigned int>(options, "ipfix-disk-flush-idle-ms", 1000);
   disk.max_sessions = config.max_sessions;
   disk.workers = config.workers;
 
   DTL_LOG_INFO("[ipfix bin data provider] Configuration: port=%u max_sessions=%zu workers=%zu "
                "recv_buffer=%zu bind_device='%s' disk_root='%s' counters_template='%s' "
-               "direct_io=%d iosqe_async=%d batch_count=%u data_size_limit=%zu "
+               "direct_io=%d iosqe_async=%d batch_count=%u flush_idle_ms=%u data_size_limit=%zu "
                "low_watermark=%zu session_timeout=%us",
                static_cast<unsigned>(config.port), static_cast<size_t>(config.max_sessions),
                static_cast<size_t>(config.workers), static_cast<size_t>(config.recv_buffer_size),
                config.bind_device.c_str(), disk.root.c_str(), disk.counters_template.c_str(),
                disk.direct_io ? 1 : 0, disk.iosqe_async ? 1 : 0, disk.batch_count,
-               static_cast<size_t>(disk.data_size_limit), static_cast<size_t>(disk.low_watermark),
+               disk.flush_idle_ms, static_cast<size_t>(disk.data_size_limit), static_cast<size_t>(disk.low_watermark),
                config.session_timeout_sec);
   return config;
 }

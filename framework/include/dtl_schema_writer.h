@@ -29,7 +29,9 @@ struct SchemaWriter {
   void onSchema(json::value const& schema);
   // Parses the text first; a text that is not JSON is logged and ignored.
   void onSchema(std::string const& text);
-  // Writes the pretty text of one schema to schemaFilePath(md5 of the text).
+  // Writes the pretty text of one schema to schemaFilePath(md5 of the text),
+  // replacing the file in one step: a failed write leaves an earlier file as
+  // it was.
   void SaveSchema(json::value const& schema);
   // Absolute path of the file for a hexadecimal identifier.
   std::string schemaFilePath(std::string const& id) const;

@@ -1,18 +1,16 @@
 #include "dtl_schema_writer.h"
 
 #include <ctype.h>
-#include <errno.h>
 #include <stdarg.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <atomic>
-#include <fstream>
 #include <mutex>
 #include <stdexcept>
 
 #include <boost/filesystem/operations.hpp>
 
+#include "dtl_atomic_file.h"
 #include "dtl_data_file_header.h"
 #include "dtl_logger.h"
 #include "dtl_schema_file.h"
@@ -156,14 +154,10 @@ void SchemaWriter::SaveSchema(json::value const& schema) {
     return;
   }
 
-  errno = 0;
-  std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
-  if (out) out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  if (out.is_open()) out.close();
-  if (!out) {
+  std::string error;
+  if (!WriteFileAtomically(path, text, &error)) {
     if (report) {
-      DTL_LOG_WARNING("[data] Could not write schema file '%s': %s", path.c_str(),
-                      errno != 0 ? strerror(errno) : "stream error");
+      DTL_LOG_WARNING("[data] Could not write schema file '%s': %s", path.c_str(), error.c_str());
       report = false;
     }
     return;

@@ -1,18 +1,22 @@
 #include "dtl_schema_writer.h"
 
+#include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "dtl_atomic_file.h"
 #include "dtl_logger.h"
 #include "dtl_schema_file.h"
 
@@ -49,6 +53,29 @@ value CountersSchema(std::string const& counter_name, bool with_counter = true) 
           {"version", "1.5.0"},
           {"counter_groups", groups}};
 }
+
+// A full disk in miniature: writes past `bytes` fail with EFBIG while it
+// lives (SIGXFSZ ignored so that the process survives them).
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    old_handler_ = signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &old_);
+    rlimit lowered = old_;
+    lowered.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &lowered);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    signal(SIGXFSZ, old_handler_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit old_{};
+  sighandler_t old_handler_;
+};
 
 const char kNotRecognized[] =
     "[schema writer] schema was not recognized neither as type system nor as counters schema";
@@ -248,6 +275,48 @@ TEST_F(SchemaWriterTest, WriteFailureIsLogged) {
   EXPECT_EQ(g_lines[0].rfind("[data] Could not write schema file '" + FileFor(dir_, doc).string(), 0),
             0u);
   EXPECT_FALSE(writer.report);
+}
+
+TEST_F(SchemaWriterTest, FullDiskLeavesTheEarlierFileWholeAndNoTemporaryFile) {
+  value doc = CountersSchema("tx");
+  const fs::path file = FileFor(dir_, doc);
+  dtl::SchemaWriter writer{.schema_dir = dir_.string()};
+  writer.onSchema(doc);
+  const std::string good = ReadFile(file);
+  ASSERT_EQ(good, dtl::json::serialize_pretty(doc));
+  {
+    FileSizeLimit full(16);
+    writer.onSchema(doc);
+  }
+  EXPECT_EQ(ReadFile(file), good);
+  EXPECT_EQ(Files(dir_), std::vector<std::string>{file.filename().string()});
+  EXPECT_FALSE(writer.report);
+  EXPECT_EQ(g_lines.back(), "[data] Could not write schema file '" + file.string() + "': File too large");
+}
+
+TEST_F(SchemaWriterTest, AtomicWriteReplacesWholeOrNotAtAll) {
+  const std::string path = (dir_ / "f.json").string();
+  std::string error;
+  ASSERT_TRUE(dtl::WriteFileAtomically(path, "first, longer text", &error)) << error;
+  ASSERT_TRUE(dtl::WriteFileAtomically(path, "second", &error)) << error;
+  EXPECT_EQ(ReadFile(path), "second");
+  EXPECT_FALSE(dtl::WriteFileAtomically((dir_ / "missing" / "f.json").string(), "x", &error));
+  EXPECT_EQ(error, "No such file or directory");
+
+  // Writers of the same name at the same moment never collide on a
+  // temporary file, and the file always holds one text whole.
+  const std::string texts[] = {std::string(5000, 'a'), std::string(3, 'b')};
+  std::vector<std::thread> writers;
+  bool ok[2] = {true, true};
+  for (int t = 0; t < 2; ++t)
+    writers.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) ok[t] = dtl::WriteFileAtomically(path, texts[t], nullptr) && ok[t];
+    });
+  for (auto& writer : writers) writer.join();
+  EXPECT_TRUE(ok[0] && ok[1]);
+  const std::string last = ReadFile(path);
+  EXPECT_TRUE(last == texts[0] || last == texts[1]);
+  EXPECT_EQ(Files(dir_), std::vector<std::string>{"f.json"});
 }
 
 TEST_F(SchemaWriterTest, RelativeDirectoriesResolveAgainstWorkingDirectory) {

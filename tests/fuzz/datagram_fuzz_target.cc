@@ -27,7 +27,7 @@ using dtl::ipfix::SchemaSnapshot;
 // by AddressSanitizer; keeps nothing.
 class ScratchSink final : public IpfixSessionSink {
  public:
-  void Start() override {}
+  bool Start() override { return true; }
   void Stop() override {}
   const std::string& root() const override { return root_; }
   void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,

@@ -2,7 +2,9 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <stdlib.h>
+#include <unistd.h>
 #include <sys/mount.h>
 #include <sys/uio.h>
 
@@ -78,17 +80,34 @@ class AsyncDataFileTest : public ::testing::Test {
     auto file = std::make_unique<AsyncDataFile>(client, source, tag, &writer_);
     file->setDataRoot(root_);
     file->setDataPathTemplate(path_template);
+    file->setBlockSize(256);
     return file;
   }
 
-  // Fills a 4 KiB page with the header of the file's current first timestamp
-  // and writes it asynchronously, then waits until the writer is done.
+  // Writes a 4 KiB page asynchronously and waits until the writer is done:
+  // the file's header and 15 blocks of 256 bytes whose times run up to
+  // last_ts (the page is a continuation, without header, when the file has
+  // bytes already).
   void WriteHeaderPage(AsyncDataFile& file, uint64_t last_ts) {
-    AlignedPage page = MakePage(4096, 0xAB);
-    file.FillFileHeader(page.get(), 4096);
+    AlignedPage page = MakePage(4096, 0);
+    const bool first = file.written_bytes == 0;
+    if (first) file.FillFileHeader(page.get(), 256);
+    FillBlocks(page.get() + (first ? 256 : 0), first ? 15 : 16, last_ts);
     std::atomic<bool> in_flight{true};
     file.Write(page.get(), 4096, file.first_timestamp(), last_ts, &in_flight, -1);
     ASSERT_TRUE(recv_test::WaitFor([&] { return !in_flight.load(); }));
+  }
+
+  // n blocks of 256 bytes, the last one at time last_ts, one µs apart.
+  static void FillBlocks(uint8_t* at, size_t n, uint64_t last_ts) {
+    for (size_t i = 0; i < n; ++i) {
+      uint8_t* block = at + i * 256;
+      memset(block, 0x11, 256);
+      dtl_magic_value_fill(block, 'D');
+      memset(block + 4, 0, 4);
+      const uint64_t ts = last_ts - (n - 1 - i);
+      memcpy(block + 8, &ts, 8);
+    }
   }
 
   std::string root_;
@@ -159,20 +178,52 @@ TEST_F(AsyncDataFileTest, NeedRotationPolicy) {
       << "same first timestamp never rotates";
 }
 
-TEST_F(AsyncDataFileTest, DeletionFromOutsideIsNoticedEvery16Writes) {
-  auto file = Make();
-  file->Rotate(kT0, nullptr);
-  WriteHeaderPage(*file, kT0);
-  ASSERT_TRUE(fs::remove(file->data_file_name()));
-  EXPECT_FALSE(file->NeedRotation(kT0, kT0)) << "write counter 1: not checked";
-  for (int i = 1; i < 16; ++i) WriteHeaderPage(*file, kT0);
-  ASSERT_EQ(file->write_counter(), 16);
-  EXPECT_TRUE(file->NeedRotation(kT0, kT0));
-  const std::string deleted = file->data_file_name();
-  long closed_size = -1;
-  EXPECT_EQ(file->Rotate(kT0 + kSecond, &closed_size), deleted);
-  EXPECT_EQ(closed_size, 16 * 4096);
-  EXPECT_TRUE(fs::exists(file->data_file_name()));
+// Damage from outside is seen by the look at the file on disk; closing
+// keeps exactly the whole blocks left and never touches a deleted path.
+TEST_F(AsyncDataFileTest, OutsideDeletionAndTruncationAreNoticed) {
+  struct Case {
+    const char* name;
+    long cut_to;  // -1: delete the file
+    AsyncDataFile::DiskState seen;
+    uint64_t kept;  // bytes kept on close
+  };
+  const Case cases[] = {
+      {"deleted", -1, AsyncDataFile::DiskState::kDeleted, 0},
+      {"cut to nothing", 0, AsyncDataFile::DiskState::kTruncated, 0},
+      {"cut inside block 5", 256 + 5 * 256 + 100, AsyncDataFile::DiskState::kTruncated, 256 + 5 * 256},
+  };
+  uint64_t t = kT0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto file = Make();
+    file->Rotate(t, nullptr);
+    WriteHeaderPage(*file, t + 20);
+    WriteHeaderPage(*file, t + 40);
+    EXPECT_EQ(file->CheckOnDisk(), AsyncDataFile::DiskState::kOk);
+    const std::string path = file->data_file_name();
+    if (c.cut_to < 0)
+      ASSERT_TRUE(fs::remove(path));
+    else
+      ASSERT_EQ(truncate(path.c_str(), c.cut_to), 0);
+    EXPECT_EQ(file->CheckOnDisk(), c.seen);
+    uint64_t kept = 99;
+    const std::string closed = file->CloseDamaged(c.seen, &kept);
+    EXPECT_EQ(kept, c.kept);
+    EXPECT_FALSE(file->has_file());
+    if (c.kept > 0) {
+      EXPECT_EQ(closed, path);
+      EXPECT_EQ(fs::file_size(path), c.kept);
+      const dtl_data_file_header_t header = ReadHeader(path);
+      EXPECT_EQ(header.file_size, c.kept);
+      EXPECT_EQ(header.last_timestamp, t + 20 - 15 + 5) << "time of the last block kept";
+    } else {
+      EXPECT_EQ(closed, "");
+      EXPECT_FALSE(fs::exists(path)) << "nothing readable is left behind";
+    }
+    file->Rotate(t + kSecond, nullptr);
+    EXPECT_TRUE(fs::exists(file->data_file_name()));
+    t += 10 * kSecond;
+  }
 }
 
 TEST_F(AsyncDataFileTest, PathFromDefaultTemplate) {
@@ -281,6 +332,33 @@ TEST_F(AsyncDataFileTest, ExistingFileIsContinued) {
   EXPECT_EQ(ReadHeader(path).last_timestamp, kT0 + 7);
 }
 
+// A collector that died after writing a partial page padded to 4 KiB left
+// zeros behind the last block: the file continues right after that block.
+TEST_F(AsyncDataFileTest, ContinuedFileResumesAfterItsLastWholeBlock) {
+  auto first = Make();
+  first->Rotate(kT0, nullptr);
+  AlignedPage page = MakePage(4096, 0);
+  first->FillFileHeader(page.get(), 256);
+  FillBlocks(page.get() + 256, 3, kT0 + 2);
+  std::atomic<bool> in_flight{true};
+  first->WriteAt(page.get(), 0, 4096, 256 + 3 * 256, kT0 + 2, &in_flight, -1);
+  ASSERT_TRUE(recv_test::WaitFor([&] { return !in_flight.load(); }));
+  const std::string path = first->data_file_name();
+  EXPECT_EQ(fs::file_size(path), 4096u) << "padding on disk while open";
+  first.reset();
+  EXPECT_EQ(fs::file_size(path), 1024u) << "the close cuts the padding";
+
+  ASSERT_EQ(truncate(path.c_str(), 4096), 0);  // as if the close never ran
+  auto again = Make();
+  again->Rotate(kT0, nullptr);
+  ASSERT_EQ(again->data_file_name(), path);
+  EXPECT_EQ(again->written_bytes, 1024);
+  EXPECT_EQ(again->last_timestamp(), kT0 + 2);
+  again.reset();
+  EXPECT_EQ(fs::file_size(path), 1024u);
+  EXPECT_EQ(ReadHeader(path).file_size, 1024u);
+}
+
 TEST_F(AsyncDataFileTest, DirectWritesLandAtOffsetsAndHeaderIsRewritten) {
   auto file = Make("leaf1", "ipfix");
   unsigned char schema_id[16];
@@ -309,7 +387,7 @@ TEST_F(AsyncDataFileTest, DirectWritesLandAtOffsetsAndHeaderIsRewritten) {
 
   const std::string bytes = ReadFile(path);
   ASSERT_EQ(bytes.size(), 16384u);
-  EXPECT_EQ(bytes.substr(256, 3840), std::string(3840, '\xAB'));
+  EXPECT_EQ(bytes.substr(256, 4), "DTLD");
   EXPECT_EQ(bytes.substr(4096, 8192), std::string(8192, '\x11'));
   EXPECT_EQ(bytes.substr(12288), std::string(4096, '\x22'));
   const dtl_data_file_header_t header = ReadHeader(path);
@@ -371,35 +449,52 @@ TEST_F(AsyncDataFileTest, InvalidHeaderIsLeftUnchanged) {
   EXPECT_EQ(ReadFile(file->data_file_name()), junk);
 }
 
-// A 1 MiB tmpfs fills up: the failed asynchronous write reaches the file
-// through on_error, the next write closes it and the next rotation starts a
-// new one.
-TEST_F(AsyncDataFileTest, FullFileSystemForcesRotation) {
+// A 1 MiB tmpfs fills up: the failed write reaches the file through its
+// completion, and closing the damaged file keeps exactly the whole blocks
+// that are on disk, with a header that describes them.
+TEST_F(AsyncDataFileTest, FailedWriteKeepsTheWholeBlocksBeforeIt) {
+  ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "a private mount namespace is needed: " << strerror(errno);
+  ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
   const std::string mount_point = root_ + "/small";
   fs::create_directory(mount_point);
-  if (mount("tmpfs", mount_point.c_str(), "tmpfs", 0, "size=1m") != 0)
-    GTEST_SKIP() << "cannot mount a small tmpfs here: " << strerror(errno);
+  ASSERT_EQ(mount("tmpfs", mount_point.c_str(), "tmpfs", 0, "size=1m"), 0)
+      << "cannot mount a small tmpfs: " << strerror(errno);
   {
     auto file = Make();
     file->setDataRoot(mount_point);
     file->setUseDirectIO(false);
     file->setSizeLimit(64ull << 20);
     file->Rotate(kT0, nullptr);
-    AlignedPage page = MakePage(65536, 0x5A);
+    // Block i has time kT0 + i: a header page of 15 blocks, then pages of
+    // 256 blocks until the file system is full.
+    AlignedPage page = MakePage(65536 + 4096, 0);
     file->FillFileHeader(page.get(), 256);
+    FillBlocks(page.get() + 256, 15, kT0 + 14);
+    std::atomic<bool> in_flight{true};
+    file->Write(page.get(), 4096, kT0, kT0 + 14, &in_flight, -1);
+    ASSERT_TRUE(recv_test::WaitFor([&] { return !in_flight.load(); }));
+    uint64_t last = kT0 + 14;
     int writes = 0;
-    for (; writes < 64 && log_.Count("Write: error_pending set by io_uring") == 0; ++writes) {
-      std::atomic<bool> in_flight{true};
-      file->Write(page.get(), 65536, kT0, kT0 + writes, &in_flight, -1);
+    for (; writes < 64 && !file->TakeWriteError(); ++writes) {
+      FillBlocks(page.get(), 256, last + 256);
+      in_flight = true;
+      file->Write(page.get(), 65536, kT0, last + 256, &in_flight, -1);
       ASSERT_TRUE(recv_test::WaitFor([&] { return !in_flight.load(); }));
+      last += 256;
     }
-    EXPECT_LT(writes, 64);
+    ASSERT_LT(writes, 64) << "the file system never filled up";
     EXPECT_GE(log_.Count("CQE error") + log_.Count("CQE short write"), 1u);
-    EXPECT_EQ(log_.Count("ForceRotation: closing"), 1u);
+    const std::string path = file->data_file_name();
+    uint64_t kept = 0;
+    EXPECT_EQ(file->CloseDamaged(AsyncDataFile::DiskState::kWriteFailed, &kept), path);
+    ASSERT_GT(kept, 256u);
+    EXPECT_EQ((kept - 256) % 256, 0u) << "only whole blocks";
+    EXPECT_EQ(fs::file_size(path), kept);
+    const dtl_data_file_header_t header = ReadHeader(path);
+    EXPECT_EQ(header.file_size, kept);
+    EXPECT_EQ(header.last_timestamp, kT0 + (kept - 256) / 256 - 1) << "time of the last block kept";
+    EXPECT_LT(header.last_timestamp, last) << "the failed write's blocks are not claimed";
     EXPECT_FALSE(file->has_file());
-    EXPECT_TRUE(file->NeedRotation(kT0 + 1, kT0 + 1));
-    file->Rotate(kT0 + 1, nullptr);
-    EXPECT_TRUE(file->has_file());
   }
   EXPECT_EQ(umount(mount_point.c_str()), 0) << strerror(errno);
 }

@@ -28,7 +28,19 @@
 namespace dtl::ipfix {
 namespace {
 
-using Job = IoUringWriter::WriteJob;
+// A write job from its first seven fields, as most tests need it.
+struct Job : IoUringWriter::WriteJob {
+  Job(int fd_, const uint8_t* data_, size_t len_, int64_t offset_, int buf_index_,
+      std::function<void()> on_error_, std::atomic<bool>* in_flight_) {
+    fd = fd_;
+    data = data_;
+    len = len_;
+    offset = offset_;
+    buf_index = buf_index_;
+    on_error = std::move(on_error_);
+    in_flight = in_flight_;
+  }
+};
 
 using dtl_test::LogCapture;
 

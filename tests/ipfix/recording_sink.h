@@ -37,9 +37,10 @@ class RecordingSink : public dtl::ipfix::IpfixSessionSink {
 
   explicit RecordingSink(std::string root = "/nonexistent/recording-sink") : root_(std::move(root)) {}
 
-  void Start() override {
+  bool Start() override {
     std::lock_guard lock(mutex_);
     ++starts_;
+    return true;
   }
   void Stop() override {
     std::lock_guard lock(mutex_);

@@ -31,7 +31,10 @@ using dtl_test::LogCapture;
 // Remembers lifecycle calls and removed sessions; stores nothing.
 class CountingSink : public dtl::ipfix::IpfixSessionSink {
  public:
-  void Start() override { ++starts; }
+  bool Start() override {
+    ++starts;
+    return true;
+  }
   void Stop() override { ++stops; }
   const std::string& root() const override { return root_; }
   void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,

@@ -67,6 +67,7 @@ TEST(ProviderConfig, NoOptionsGiveTheDefaults) {
   EXPECT_TRUE(config.disk.direct_io);
   EXPECT_FALSE(config.disk.iosqe_async);
   EXPECT_EQ(config.disk.batch_count, 1000u);
+  EXPECT_EQ(config.disk.flush_idle_ms, 1000u);
   EXPECT_TRUE(provider.context().switches.empty());
   EXPECT_EQ(LogCapture::Count("[ipfix bin data provider] No disk root configured (neither "
                               "ipfix-data-path nor ad-hoc-data-root) — disk writer disabled"),
@@ -74,7 +75,7 @@ TEST(ProviderConfig, NoOptionsGiveTheDefaults) {
   EXPECT_EQ(LogCapture::Count(
                 "[ipfix bin data provider] Configuration: port=4739 max_sessions=256 workers=4 "
                 "recv_buffer=33554432 bind_device='' disk_root='' counters_template='' direct_io=1 "
-                "iosqe_async=0 batch_count=1000 data_size_limit=0 low_watermark=0 "
+                "iosqe_async=0 batch_count=1000 flush_idle_ms=1000 data_size_limit=0 low_watermark=0 "
                 "session_timeout=300s"),
             1u);
   EXPECT_EQ(LogCapture::Count("switch(es) for HFT IPFIX"), 0u);

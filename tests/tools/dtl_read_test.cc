@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdio>
 #include <cstdlib>
@@ -252,30 +253,55 @@ TEST_F(DtlReadTest, SummaryOfOneSampleHasNoRate) {
 
 // ---- Files cut short ----
 
-TEST_F(DtlReadTest, FileCutInsideABlockIsReadToItsLastWholeBlock) {
-  const fs::path file = StandardFile(kNames, kSamples, std::string(13, '\x5a'));
-  const RunResult r = Run({file.string()});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(r.out.substr(r.out.find('\n') + 1),
-            "1700000000000000,100,7,0\n"
-            "1700000000100000,110,9,0\n"
-            "1700000000200000,18446744073709551615,12,3\n");
-  EXPECT_NE(r.err.find("warning: " + file.string() + ": file cut short: 13 bytes after block 3"),
-            std::string::npos)
-      << r.err;
-}
+TEST_F(DtlReadTest, FilesCutShortOrStillBeingWrittenAreReadToTheirLastBlock) {
+  // A writer killed mid-write leaves part of a block or zeros that never got
+  // their data; a file being written ends in the zero padding of its last
+  // 4096-byte write, which is skipped without a word.
+  struct Case {
+    const char* what;
+    size_t counters;
+    size_t samples;
+    std::string extra;
+    uint64_t pad_to;  // zeros appended up to this file size (0: none)
+    bool finalised;
+    std::vector<std::string> warnings;
+  };
+  const std::vector<Case> cases = {
+      {"cut inside a block", 3, 3, std::string(13, '\x5a'), 0, true,
+       {"file cut short: 13 bytes after block 3"}},
+      {"zeros from a dead writer", 3, 2, std::string(2 * 40, '\0'), 0, false,
+       {"header not finalised", "file cut short: zero-filled from block 2 (offset 336)"}},
+      {"padding after whole blocks", 3, 3, "", 4096, false, {"header not finalised"}},
+      {"padding over a partial block", 5, 3, "", 4096, false, {"header not finalised"}},
+      {"padding of a finalised file", 3, 3, "", 4096, true, {}},
+      {"zeros longer than one write", 3, 3, "", 8192, false,
+       {"file cut short: 16 bytes after block 198", "header not finalised",
+        "file cut short: zero-filled from block 3 (offset 376)"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<std::string> names;
+    for (size_t i = 0; i < c.counters; ++i) names.push_back("c" + std::to_string(i));
+    std::vector<Sample> samples;
+    for (uint64_t i = 0; i < c.samples; ++i)
+      samples.push_back({1700000000000000 + i * 100, std::vector<uint64_t>(c.counters, i + 1)});
+    const uint64_t size = DTL_DATA_FILE_HEADER_SIZE + c.samples * (16 + 8 * c.counters) + c.extra.size();
+    const std::string extra = c.extra + std::string(c.pad_to > size ? c.pad_to - size : 0, '\0');
+    const fs::path file = WriteDataFile(root_ / "d" / "f.bin", WriteSchema(names, root_ / "schema"), samples,
+                                        extra, c.finalised);
+    ASSERT_EQ(c.pad_to == 0 || fs::file_size(file) == c.pad_to, true);
 
-TEST_F(DtlReadTest, ZeroFilledTailAndUnfinalisedHeaderAreWarnings) {
-  // A writer that died: the header still says 256 bytes, and the last two
-  // blocks never reached the disk.
-  const std::vector<unsigned char> id = WriteSchema(kNames, root_ / "schema");
-  const fs::path file = WriteDataFile(root_ / "d" / "f.bin", id, {kSamples[0], kSamples[1]},
-                                      std::string(2 * 40, '\0'), /*finalised=*/false);
-  const RunResult r = Run({file.string()});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 3) << r.out;
-  EXPECT_NE(r.err.find("header not finalised"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("zero-filled from block 2 (offset 336)"), std::string::npos) << r.err;
+    const RunResult r = Run({file.string()});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), static_cast<long>(c.samples + 1)) << r.out;
+    EXPECT_NE(r.out.find("1700000000000000,1"), std::string::npos) << r.out;
+    size_t warnings = 0;
+    for (size_t at = r.err.find("warning: "); at != std::string::npos; at = r.err.find("warning: ", at + 1))
+      ++warnings;
+    EXPECT_EQ(warnings, c.warnings.size()) << r.err;
+    for (const std::string& warning : c.warnings)
+      EXPECT_NE(r.err.find("warning: " + file.string() + ": " + warning), std::string::npos) << r.err;
+  }
 }
 
 // ---- Corrupt files ----

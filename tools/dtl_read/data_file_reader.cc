@@ -1,6 +1,7 @@
 #include "tools/dtl_read/data_file_reader.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -78,8 +79,9 @@ bool DataFileReader::Open(const std::string& path, std::string* error) {
   if (!CheckHeader(header_, error)) return false;
 
   const uint64_t body = actual - DTL_DATA_FILE_HEADER_SIZE;
-  block_count_ = body / header_.block_size;
-  const uint64_t tail = body % header_.block_size;
+  const uint64_t padding = PaddingAtEnd(actual);
+  block_count_ = (body - padding) / header_.block_size;
+  const uint64_t tail = (body - padding) % header_.block_size;
   if (tail != 0) {
     warnings_.push_back("file cut short: " + std::to_string(tail) + " bytes after block " +
                         std::to_string(block_count_) + " ignored, reading " +
@@ -132,6 +134,26 @@ uint64_t DataFileReader::timestamp_us() const {
   uint64_t ts = 0;
   std::memcpy(&ts, block_.data() + offsetof(dtl_counters_data_t, timestamp), sizeof(ts));
   return ts;
+}
+
+uint64_t DataFileReader::PaddingAtEnd(uint64_t actual) {
+  if (actual % kDirectIoBlock != 0) return 0;
+  // Padding shorter than one I/O block follows a block that holds data, so
+  // the last byte that is not zero lies in this window.
+  const uint64_t block_size = header_.block_size;
+  const uint64_t from = actual > kDirectIoBlock + block_size ? actual - kDirectIoBlock - block_size : 0;
+  std::vector<uint8_t> bytes(actual - from);
+  if (pread(fileno(file_.get()), bytes.data(), bytes.size(), static_cast<off_t>(from)) !=
+      static_cast<ssize_t>(bytes.size()))
+    return 0;
+  const auto last = std::find_if(bytes.rbegin(), bytes.rend(), [](uint8_t b) { return b != 0; });
+  if (last == bytes.rend()) return 0;
+  const uint64_t last_offset = from + static_cast<uint64_t>(bytes.rend() - last) - 1;
+  // The zeros count from the boundary after the block holding that byte.
+  uint64_t start = DTL_DATA_FILE_HEADER_SIZE;
+  if (last_offset >= start) start += ((last_offset - start) / block_size + 1) * block_size;
+  if (start >= actual || actual - start >= kDirectIoBlock) return 0;
+  return actual - start;
 }
 
 bool DataFileReader::RestIsZero() {

@@ -1,6 +1,8 @@
 // Sequential reader of one data file: validates the 256-byte header, then
 // hands out the fixed-size blocks that follow it, stopping cleanly at the
-// last whole block of a file whose writer was killed mid-write.
+// last whole block of a file whose writer was killed mid-write. A file still
+// being written may end in the zero padding of its last direct-I/O write,
+// which is no data and no fault.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +17,8 @@ namespace dtl::read {
 
 // Byte offset of a block's value area; values sit at this plus their offset.
 inline constexpr size_t kBlockValuesOffset = 16;
+// Unit of the collector's direct-I/O writes; a partial page is padded to it.
+inline constexpr uint64_t kDirectIoBlock = 4096;
 
 class DataFileReader {
  public:
@@ -48,6 +52,10 @@ class DataFileReader {
     void operator()(FILE* f) const { fclose(f); }
   };
   bool RestIsZero();
+  // Length of the zero padding that ends a file of `actual` bytes: zeros
+  // from a block boundary to the end, shorter than one I/O block, in a file
+  // whose size is a whole number of I/O blocks. 0 when there is none.
+  uint64_t PaddingAtEnd(uint64_t actual);
 
   std::unique_ptr<FILE, FileCloser> file_;
   std::string path_;
