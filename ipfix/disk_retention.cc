@@ -1,16 +1,20 @@
 #include "ipfix/disk_retention.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstring>
-#include <exception>
+#include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 
+#include "dtl_data_file_header.h"
 #include "dtl_logger.h"
 #include "dtl_timestamp.h"
 
@@ -22,7 +26,6 @@ namespace {
 
 constexpr const char* kDefaultPathTemplate = "{{year}}/{{month}}{{day}}/{{source}}/{{tag}}{{id}}.bin";
 constexpr uint64_t kMaxCountLimit = 2147483647;
-constexpr uint64_t kMaxSlots = 4294967295;
 
 // The extension every data file gets from the path template: the text from
 // the last "." on, unless a placeholder follows it (then nothing filters).
@@ -45,6 +48,39 @@ void SleepNs(long long ns) {
   }
 }
 
+class FdCloser {
+ public:
+  explicit FdCloser(int fd) : fd_(fd) {}
+  ~FdCloser() { close(fd_); }
+  FdCloser(const FdCloser&) = delete;
+  FdCloser& operator=(const FdCloser&) = delete;
+
+ private:
+  int fd_;
+};
+
+// True, with its size and modification time, when the file is a regular
+// file (not reached through a symbolic link) that opens with a data-file
+// header. Only the magic decides, and quietly: anything else under the root
+// belongs to someone else and is simply left alone.
+bool ProbeDataFile(const fs::path& path, uint64_t& size, int64_t& mtime) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return false;
+  const FdCloser closer(fd);
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < DTL_DATA_FILE_HEADER_SIZE) return false;
+  dtl_data_file_header_t header;
+  ssize_t got = 0;
+  do {
+    got = pread(fd, &header, sizeof header, 0);
+  } while (got < 0 && errno == EINTR);
+  if (got != static_cast<ssize_t>(sizeof header) || !dtl_magic_value_match_type(header.magic, DTL_MAGIC_TYPE_FILE))
+    return false;
+  size = static_cast<uint64_t>(st.st_size);
+  mtime = static_cast<int64_t>(st.st_mtim.tv_sec);
+  return true;
+}
+
 }  // namespace
 
 bool DiskRetention::WarningLimiter::Allow() {
@@ -53,6 +89,47 @@ bool DiskRetention::WarningLimiter::Allow() {
   if (last != kNever && now - last <= kWarningIntervalUs) return false;
   // Of several threads hitting the same moment, only one logs.
   return last_us_.compare_exchange_strong(last, now, std::memory_order_relaxed);
+}
+
+// A multi-producer, single-consumer list in the manner of D. Vyukov's
+// intrusive queue: a producer swaps itself in as head and then links its
+// predecessor to it; the consumer walks from the tail.
+DiskRetention::CandidateQueue::CandidateQueue() : head_(&stub_), tail_(&stub_) {}
+
+DiskRetention::CandidateQueue::~CandidateQueue() {
+  while (Pop()) {
+  }
+}
+
+void DiskRetention::CandidateQueue::Push(std::unique_ptr<TrackedFile> record) { Link(record.release()); }
+
+void DiskRetention::CandidateQueue::Link(TrackedFile* node) {
+  node->next.store(nullptr, std::memory_order_relaxed);
+  TrackedFile* previous = head_.exchange(node, std::memory_order_acq_rel);
+  // Publishes the record's path and size to the consumer.
+  previous->next.store(node, std::memory_order_release);
+}
+
+std::unique_ptr<DiskRetention::TrackedFile> DiskRetention::CandidateQueue::Pop() {
+  TrackedFile* tail = tail_;
+  TrackedFile* next = tail->next.load(std::memory_order_acquire);
+  if (tail == &stub_) {
+    if (next == nullptr) return nullptr;
+    tail_ = next;
+    tail = next;
+    next = next->next.load(std::memory_order_acquire);
+  }
+  if (next == nullptr) {
+    // tail is the last record linked, or a producer has swapped in a newer
+    // head but not linked it yet: then wait for a later call.
+    if (tail != head_.load(std::memory_order_acquire)) return nullptr;
+    // Give the last record a successor so that it can leave the list.
+    Link(&stub_);
+    next = tail->next.load(std::memory_order_acquire);
+    if (next == nullptr) return nullptr;
+  }
+  tail_ = next;
+  return std::unique_ptr<TrackedFile>(tail);
 }
 
 DiskRetention::DiskRetention() = default;
@@ -76,7 +153,7 @@ bool DiskRetention::Start(const DiskWriterConfig& config) {
   uint64_t total = RecoverExistingFiles(files);
 
   // Over the limit already: delete the oldest at once, first by size, then
-  // by count so that the ledger never needs more slots than N allows.
+  // by count so that a root full of tiny files cannot swamp the ledger.
   size_t next = 0;
   size_t deleted_files = 0;
   uint64_t deleted_bytes = 0;
@@ -91,67 +168,44 @@ bool DiskRetention::Start(const DiskWriterConfig& config) {
   const uint64_t max_count = base_count > kMaxCountLimit / 4 ? kMaxCountLimit : 4 * base_count;
   while (files.size() - next > max_count) delete_next();
 
+  // Everything below is sized by what exists, never by the limit itself: N
+  // may be astronomically large, the files on disk cannot be.
   const size_t survivors = files.size() - next;
   file_target_ = std::max<uint64_t>(survivors, base_count);
-  slot_capacity_ = file_target_ >= kMaxSlots ? kMaxSlots : std::min(file_target_ + file_target_ / 2, kMaxSlots);
-  if (slot_capacity_ == 0) slot_capacity_ = 1;
-
-  ret_slots_.clear();
-  ret_slots_.resize(slot_capacity_);
-  free_slots_ = std::make_unique<boost::lockfree::stack<uint32_t>>(slot_capacity_);
-  candidates_ = std::make_unique<boost::lockfree::queue<uint32_t>>(slot_capacity_ + 1);
-  for (uint64_t i = 0; i < slot_capacity_; ++i) {
-    if (!free_slots_->push(static_cast<uint32_t>(i))) {
-      DTL_LOG_WARNING("[IPFIX disk writer] Retention: free_slots_ push failed at %u (capacity=%zu)",
-                      static_cast<unsigned>(i), static_cast<size_t>(slot_capacity_));
-      break;
-    }
+  ring_depth_ = static_cast<unsigned>(std::clamp<uint64_t>(file_target_ / 2, 1, kMaxRingDepth));
+  try {
+    candidates_ = std::make_unique<CandidateQueue>();
+    in_flight_.resize(ring_depth_);
+    free_in_flight_.reserve(ring_depth_);
+  } catch (const std::bad_alloc&) {
+    DTL_LOG_ERROR("[IPFIX disk writer] Retention: out of memory setting up the ledger — disabling retention");
+    DestroyStructures();
+    return false;
   }
+  for (unsigned i = ring_depth_; i > 0; --i) free_in_flight_.push_back(i - 1);
 
-  unsigned long long seeded_files = 0;
-  unsigned long long seeded_bytes = 0;
-  for (size_t i = next; i < files.size(); ++i) {
-    uint32_t slot = 0;
-    if (!free_slots_->pop(slot)) {
-      DTL_LOG_WARNING("[IPFIX disk writer] Retention: free slot pool exhausted while seeding (seeded %llu of %zu survivors)",
-                      seeded_files, survivors);
-      break;
-    }
-    RetSlot& entry = ret_slots_[slot];
-    entry.path = std::move(files[i].path);
-    entry.size = files[i].size;
-    if (!candidates_->push(slot)) {
-      DTL_LOG_ERROR("[IPFIX disk writer] Retention: candidates_ push failed while seeding");
-      DeleteFileSync(entry.path);
-      free_slots_->push(slot);
-      continue;
-    }
-    ++seeded_files;
-    seeded_bytes += entry.size;
-  }
-  ledger_bytes_.store(seeded_bytes, std::memory_order_relaxed);
-  tracked_files_.store(seeded_files, std::memory_order_relaxed);
+  ledger_bytes_.store(0, std::memory_order_relaxed);
+  tracked_files_.store(0, std::memory_order_relaxed);
+  for (size_t i = next; i < files.size(); ++i) RecordClosedFile(std::move(files[i].path), files[i].size);
   if (!files.empty())
     DTL_LOG_INFO("[IPFIX disk writer] Retention startup recovery: scanned %zu file(s), deleted %zu (%zu bytes), "
                  "seeded %llu file(s) (%llu bytes), low_watermark=%llu",
-                 files.size(), deleted_files, static_cast<size_t>(deleted_bytes), seeded_files, seeded_bytes,
+                 files.size(), deleted_files, static_cast<size_t>(deleted_bytes),
+                 static_cast<unsigned long long>(TrackedFiles()), static_cast<unsigned long long>(LedgerBytes()),
                  static_cast<unsigned long long>(target_bytes_));
 
-  uint64_t depth = slot_capacity_ - std::min(slot_capacity_, file_target_);
-  if (depth == 0) depth = 1;
-  const unsigned ring_depth = static_cast<unsigned>(std::min<uint64_t>(depth, kMaxRingDepth));
-  const int ret = io_uring_queue_init(ring_depth, &ring_, 0);
+  const int ret = io_uring_queue_init(ring_depth_, &ring_, 0);
   if (ret < 0) {
-    DTL_LOG_ERROR("[IPFIX disk writer] Retention: io_uring_queue_init(%u) failed: %s — disabling retention", ring_depth,
-                  strerror(-ret));
+    DTL_LOG_ERROR("[IPFIX disk writer] Retention: io_uring_queue_init(%u) failed: %s — disabling retention",
+                  ring_depth_, strerror(-ret));
     DestroyStructures();
     return false;
   }
   ring_initialized_ = true;
   DTL_LOG_INFO("[IPFIX disk writer] Retention enabled (io_uring unlinkat): data_size_limit=%zu low_watermark=%zu N=%zu "
-               "capacity=%zu ring_depth=%u",
+               "ring_depth=%u",
                static_cast<size_t>(config_.data_size_limit), static_cast<size_t>(config_.low_watermark),
-               static_cast<size_t>(file_target_), static_cast<size_t>(slot_capacity_), ring_depth);
+               static_cast<size_t>(file_target_), ring_depth_);
   retention_enabled_ = true;
   retention_running_.store(true);
   try {
@@ -172,19 +226,22 @@ void DiskRetention::Stop() {
   if (!retention_enabled_) return;
   retention_running_.store(false);
   if (retention_thread_.joinable()) retention_thread_.join();
+  // The kernel copied each path when its request was submitted; once the
+  // ring is gone no request can reach a record, so all may be freed.
   if (ring_initialized_) {
     io_uring_queue_exit(&ring_);
     ring_initialized_ = false;
   }
   retention_enabled_ = false;
+  DestroyStructures();
   DTL_LOG_INFO("[IPFIX disk writer] Retention stopped (tracked %llu files, %llu bytes still on ledger)",
                static_cast<unsigned long long>(TrackedFiles()), static_cast<unsigned long long>(LedgerBytes()));
 }
 
 void DiskRetention::DestroyStructures() {
-  free_slots_.reset();
   candidates_.reset();
-  ret_slots_.clear();
+  in_flight_.clear();
+  free_in_flight_.clear();
 }
 
 uint64_t DiskRetention::RecoverExistingFiles(std::vector<RecoveredFile>& files) const {
@@ -205,15 +262,13 @@ uint64_t DiskRetention::RecoverExistingFiles(std::vector<RecoveredFile>& files) 
     const fs::path& path = it->path();
     const std::string text = path.string();
     boost::system::error_code entry_ec;
-    if (fs::is_regular_file(fs::status(path, entry_ec)) && !entry_ec && !StartsWith(text, schema_prefix) &&
-        !StartsWith(text, metadata_prefix) && (filter.empty() || path.extension().string() == filter)) {
-      const uint64_t size = fs::file_size(path, entry_ec);
-      if (!entry_ec) {
-        std::time_t mtime = fs::last_write_time(path, entry_ec);
-        if (entry_ec) mtime = 0;
-        files.push_back(RecoveredFile{path, size, static_cast<int64_t>(mtime)});
-        total += size;
-      }
+    uint64_t size = 0;
+    int64_t mtime = 0;
+    if (fs::is_regular_file(it->symlink_status(entry_ec)) && !entry_ec && !StartsWith(text, schema_prefix) &&
+        !StartsWith(text, metadata_prefix) && (filter.empty() || path.extension().string() == filter) &&
+        ProbeDataFile(path, size, mtime)) {
+      files.push_back(RecoveredFile{path, size, mtime});
+      total += size;
     }
     it.increment(ec);
   }
@@ -221,54 +276,59 @@ uint64_t DiskRetention::RecoverExistingFiles(std::vector<RecoveredFile>& files) 
     DTL_LOG_WARNING("[IPFIX disk writer] Retention: scan of %s failed: %s", config_.root.c_str(),
                     ec.message().c_str());
 
-  std::sort(files.begin(), files.end(),
-            [](const RecoveredFile& a, const RecoveredFile& b) { return a.mtime < b.mtime; });
+  // Ties in time fall back to the name, which the path template starts
+  // with the first sample's time.
+  std::sort(files.begin(), files.end(), [](const RecoveredFile& a, const RecoveredFile& b) {
+    return a.mtime != b.mtime ? a.mtime < b.mtime : a.path < b.path;
+  });
   return total;
 }
 
 void DiskRetention::RecordClosedFile(fs::path&& path, uint64_t size) {
-  uint32_t slot = 0;
-  if (!free_slots_ || !free_slots_->pop(slot)) {
-    if (pool_empty_warning_.Allow())
-      DTL_LOG_WARNING("[IPFIX disk writer] Retention: slot pool empty — synchronous unlink fallback");
+  if (!candidates_) return;
+  std::unique_ptr<TrackedFile> record;
+  try {
+    record = std::make_unique<TrackedFile>();
+  } catch (const std::bad_alloc&) {
+  }
+  if (!record) {
+    // A file nobody tracks would stay until the next start; without memory
+    // to track it, deleting it now is the only way to keep the limit.
+    DTL_LOG_ERROR("[IPFIX disk writer] Retention: no memory to track %s — synchronous unlink", path.c_str());
     DeleteFileSync(path);
     return;
   }
-  RetSlot& entry = ret_slots_[slot];
-  entry.path = std::move(path);
-  entry.size = size;
+  record->path = std::move(path);
+  record->size = size;
   // Counted before the push: once pushed, the retention thread may pop and
   // subtract the file at once, and the ledger must never dip below zero.
   ledger_bytes_.fetch_add(size, std::memory_order_relaxed);
   tracked_files_.fetch_add(1, std::memory_order_relaxed);
-  if (candidates_->push(slot)) return;
-
-  ledger_bytes_.fetch_sub(size, std::memory_order_relaxed);
-  tracked_files_.fetch_sub(1, std::memory_order_relaxed);
-  DTL_LOG_ERROR("[IPFIX disk writer] Retention: candidates_ push failed — synchronous unlink");
-  DeleteFileSync(entry.path);
-  free_slots_->push(slot);
+  candidates_->Push(std::move(record));
 }
 
 void DiskRetention::RetentionLoop() {
   dtl_set_thread_name("ipfix_ret");
-  uint64_t unlinks_in_flight = 0;
+  // Set while a sweep that began over the limit has not yet reached the
+  // target: it resumes as completions free ring entries or as a record
+  // still being pushed becomes visible.
+  bool sweep_unfinished = false;
   for (;;) {
     const bool running = retention_running_.load();
-    if (!running && unlinks_in_flight == 0) return;
+    if (!running && UnlinksInFlight() == 0) return;
 
-    if (running && (LedgerBytes() > config_.data_size_limit || TrackedFiles() > file_target_))
-      Sweep(unlinks_in_flight);
+    if (running && (sweep_unfinished || LedgerBytes() > config_.data_size_limit || TrackedFiles() > file_target_))
+      sweep_unfinished = !Sweep();
 
-    if (unlinks_in_flight > 0) {
+    if (UnlinksInFlight() > 0) {
       // Entries left unsubmitted by a failed submission would never
       // complete; hand them to the kernel before waiting on them.
-      if (io_uring_sq_ready(&ring_) > 0) SubmitWithRetries(unlinks_in_flight);
+      if (io_uring_sq_ready(&ring_) > 0) SubmitWithRetries();
       io_uring_cqe* cqe = nullptr;
       __kernel_timespec timeout{0, kPollIntervalNs};
       const int ret = io_uring_wait_cqe_timeout(&ring_, &cqe, &timeout);
       if (ret == 0) {
-        ReapCompletions(unlinks_in_flight);
+        ReapCompletions();
         continue;
       }
       if (ret > 0 || ret == -ETIME || ret == -EINTR) continue;
@@ -283,49 +343,48 @@ void DiskRetention::RetentionLoop() {
   }
 }
 
-void DiskRetention::Sweep(uint64_t& unlinks_in_flight) {
+bool DiskRetention::Sweep() {
   unsigned swept = 0;
+  bool finished = true;
   while (LedgerBytes() > target_bytes_ || TrackedFiles() > file_target_) {
-    uint32_t slot = 0;
-    if (!candidates_->pop(slot)) break;
-    RetSlot& entry = ret_slots_[slot];
-    io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
-    if (sqe == nullptr) {
-      SubmitWithRetries(unlinks_in_flight);
-      ReapCompletions(unlinks_in_flight);
-      sqe = io_uring_get_sqe(&ring_);
-    }
-    if (sqe == nullptr) {
-      if (!candidates_->push(slot)) {
-        DTL_LOG_ERROR("[IPFIX disk writer] Retention: candidates_ re-push failed — synchronous unlink");
-        DeleteFileSync(entry.path);
-        ledger_bytes_.fetch_sub(entry.size, std::memory_order_relaxed);
-        tracked_files_.fetch_sub(1, std::memory_order_relaxed);
-        ReleaseSlot(slot);
-      }
+    // At most ring_depth_ unlinks are in flight, so a free index also means
+    // a free submission entry; the second test only guards that invariant.
+    if (free_in_flight_.empty() || io_uring_sq_space_left(&ring_) == 0) {
+      finished = false;
       break;
     }
+    std::unique_ptr<TrackedFile> oldest = candidates_->Pop();
+    if (!oldest) {
+      // A record counted but not linked yet: a producer is mid-push.
+      finished = false;
+      break;
+    }
+    const uint32_t index = free_in_flight_.back();
+    free_in_flight_.pop_back();
+    in_flight_[index] = std::move(oldest);
+    const TrackedFile& entry = *in_flight_[index];
+    io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
     io_uring_prep_unlinkat(sqe, AT_FDCWD, entry.path.c_str(), 0);
-    io_uring_sqe_set_data64(sqe, slot);
+    io_uring_sqe_set_data64(sqe, index);
     ledger_bytes_.fetch_sub(entry.size, std::memory_order_relaxed);
     tracked_files_.fetch_sub(1, std::memory_order_relaxed);
-    ++unlinks_in_flight;
     ++swept;
   }
-  if (io_uring_sq_ready(&ring_) > 0) SubmitWithRetries(unlinks_in_flight);
+  if (io_uring_sq_ready(&ring_) > 0) SubmitWithRetries();
   if (swept > 0)
     DTL_LOG_DEBUG("[IPFIX disk writer] Retention: swept %u oldest file(s), total now %llu/%zu bytes (%llu files tracked)",
                   swept, static_cast<unsigned long long>(LedgerBytes()), static_cast<size_t>(config_.data_size_limit),
                   static_cast<unsigned long long>(TrackedFiles()));
+  return finished;
 }
 
-void DiskRetention::SubmitWithRetries(uint64_t& unlinks_in_flight) {
+void DiskRetention::SubmitWithRetries() {
   for (int attempt = 0; attempt < kSubmitAttempts; ++attempt) {
     const int ret = io_uring_submit(&ring_);
     if (ret >= 0) return;
     if (ret == -EINTR) continue;
     if (ret == -EBUSY || ret == -EAGAIN) {
-      ReapCompletions(unlinks_in_flight);
+      ReapCompletions();
       SleepNs(1000000);
       continue;
     }
@@ -337,22 +396,22 @@ void DiskRetention::SubmitWithRetries(uint64_t& unlinks_in_flight) {
     DTL_LOG_WARNING("[IPFIX disk writer] Retention: io_uring_submit still failing after retries");
 }
 
-void DiskRetention::ReapCompletions(uint64_t& unlinks_in_flight) {
+void DiskRetention::ReapCompletions() {
   unsigned head = 0;
   unsigned reaped = 0;
   io_uring_cqe* cqe = nullptr;
   // The unlink's own result is not examined: the file left the ledger when
   // its request was prepared.
   io_uring_for_each_cqe(&ring_, head, cqe) {
-    const uint64_t slot = io_uring_cqe_get_data64(cqe);
-    if (slot < slot_capacity_) ReleaseSlot(static_cast<uint32_t>(slot));
+    const uint64_t index = io_uring_cqe_get_data64(cqe);
+    if (index < in_flight_.size() && in_flight_[index]) {
+      in_flight_[index].reset();
+      free_in_flight_.push_back(static_cast<uint32_t>(index));
+    }
     ++reaped;
   }
   io_uring_cq_advance(&ring_, reaped);
-  unlinks_in_flight -= std::min<uint64_t>(reaped, unlinks_in_flight);
 }
-
-void DiskRetention::ReleaseSlot(uint32_t slot) { free_slots_->push(slot); }
 
 void DiskRetention::DeleteFileSync(const fs::path& path) {
   boost::system::error_code ec;
