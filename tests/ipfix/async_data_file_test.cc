@@ -332,6 +332,25 @@ TEST_F(AsyncDataFileTest, ExistingFileIsContinued) {
   EXPECT_EQ(ReadHeader(path).last_timestamp, kT0 + 7);
 }
 
+// With a template that gives every file the same name, a rotation must
+// still start a new file: continuing the one just closed would grow it past
+// every limit and hand retention a file that is still being written.
+TEST_F(AsyncDataFileTest, RotationNeverContinuesAFileClosedInThisRun) {
+  auto file = Make("leaf1", "ipfix", "{{source}}/data.bin");
+  file->Rotate(kT0, nullptr);
+  WriteHeaderPage(*file, kT0);
+  const std::string first = file->data_file_name();
+  long closed_size = 0;
+  EXPECT_EQ(file->Rotate(kT0 + kSecond, &closed_size), first);
+  EXPECT_EQ(closed_size, 4096);
+  EXPECT_EQ(file->data_file_name(), root_ + "/leaf1/data-2.bin");
+  EXPECT_EQ(file->written_bytes, 0);
+  WriteHeaderPage(*file, kT0 + kSecond);
+  file->Rotate(kT0 + 2 * kSecond, nullptr);
+  EXPECT_EQ(file->data_file_name(), root_ + "/leaf1/data-3.bin");
+  EXPECT_EQ(fs::file_size(first), 4096u) << "the closed file is left as it was";
+}
+
 // A collector that died after writing a partial page padded to 4 KiB left
 // zeros behind the last block: the file continues right after that block.
 TEST_F(AsyncDataFileTest, ContinuedFileResumesAfterItsLastWholeBlock) {

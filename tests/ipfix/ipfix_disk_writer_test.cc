@@ -588,3 +588,61 @@ TEST_F(DiskWriterTest, SimulatedSwitchesEndUpOnDiskExactlyOnce) {
 }
 
 }  // namespace
+
+namespace {
+
+// Whole blocks a reader finds in a file being written: valid blocks up to the
+// first zero-filled one, after which everything up to the end must be zero.
+std::vector<Block> BlocksOfOpenFile(const fs::path& path) {
+  std::vector<Block> blocks;
+  const std::string bytes = ReadFile(path);
+  if (bytes.size() < 256) return blocks;
+  dtl_data_file_header_t header;
+  std::memcpy(&header, bytes.data(), 256);
+  size_t off = 256;
+  for (; off + header.block_size <= bytes.size(); off += header.block_size) {
+    if (std::string(bytes.data() + off, 4) != "DTLD") break;
+    Block block;
+    std::memcpy(&block.ts, bytes.data() + off + 8, 8);
+    block.values.resize((header.block_size - 16) / 8);
+    std::memcpy(block.values.data(), bytes.data() + off + 16, header.block_size - 16);
+    blocks.push_back(std::move(block));
+  }
+  EXPECT_EQ(bytes.find_first_not_of('\0', off), std::string::npos) << "only zero padding after the blocks";
+  return blocks;
+}
+
+}  // namespace
+
+// A session that goes quiet has its pending samples on disk within about
+// flush_idle_ms, as whole blocks a reader can take while the file is open;
+// later samples continue right behind them, and the close leaves an exact
+// file. Covers the header unit (first 15 samples) and a data page.
+TEST_F(DiskWriterTest, IdleSessionsPagesReachTheDiskAndLaterSamplesFollow) {
+  config_.flush_idle_ms = 20;
+  auto w = StartWriter();
+  const std::string key = Key("192.0.2.1", 4739, 7);
+  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  uint64_t sent = 0;
+  for (const uint64_t burst : {5u, 20u, 4096u + 7u, 1u}) {
+    WriteSamples(*w, key, 30, sent, burst);
+    sent += burst;
+    std::vector<Block> on_disk;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (on_disk.size() < sent && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      w->Tick(0);  // the receive worker's call, made here by hand
+      const auto files = DataFiles(root_);
+      if (files.size() == 1) on_disk = BlocksOfOpenFile(files[0]);
+    }
+    ASSERT_EQ(on_disk.size(), sent) << "after a burst of " << burst;
+    ExpectSamples(on_disk, 0, 30);
+  }
+  w.reset();
+  const auto files = DataFiles(root_);
+  ASSERT_EQ(files.size(), 1u);
+  const DataFile file = Parse(files[0]);
+  ASSERT_EQ(file.blocks.size(), sent);
+  ExpectSamples(file.blocks, 0, 30);
+  EXPECT_EQ(file.header.last_timestamp, SampleTs(sent - 1));
+}
