@@ -54,16 +54,21 @@ IpfixReceiver::IpfixReceiver(const Config& config, std::unique_ptr<IpfixSessionS
 
 IpfixReceiver::~IpfixReceiver() { Stop(); }
 
-void IpfixReceiver::Start() {
+bool IpfixReceiver::Start() {
   if (running_.exchange(true)) {
     DTL_LOG_WARNING("[IPFIX receiver] Receiver already running");
-    return;
+    return true;
   }
   const size_t count = config_.workers == 0 ? 1 : static_cast<size_t>(config_.workers);
   DTL_LOG_INFO("[IPFIX receiver] Starting IPFIX receiver on UDP port %u with %zu worker(s)",
                static_cast<unsigned>(config_.port), count);
 
-  if (sink_) sink_->Start();
+  if (sink_ && !sink_->Start()) {
+    DTL_LOG_ERROR("[IPFIX receiver] The storage under '%s' cannot be used — aborting start",
+                  sink_->root().c_str());
+    running_.store(false);
+    return false;
+  }
 
   IpfixRecvWorker::Config worker_config;
   worker_config.port = config_.port;
@@ -94,7 +99,7 @@ void IpfixReceiver::Start() {
     workers_.clear();
     if (sink_) sink_->Stop();
     running_.store(false);
-    return;
+    return false;
   }
 
   for (auto& worker : workers_) worker->Start();
@@ -109,6 +114,7 @@ void IpfixReceiver::Start() {
   });
 
   DTL_LOG_INFO("[IPFIX receiver] IPFIX receiver started (%zu workers)", workers_.size());
+  return true;
 }
 
 void IpfixReceiver::Stop() {

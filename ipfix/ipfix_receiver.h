@@ -47,8 +47,10 @@ class IpfixReceiver {
   IpfixReceiver& operator=(const IpfixReceiver&) = delete;
 
   // Starts the sink, opens every worker's socket (all or none), starts the
-  // workers and the statistics thread. A second call only warns.
-  void Start();
+  // workers and the statistics thread. True when running (a second call only
+  // warns); false, with an error logged and nothing left running, when the
+  // sink cannot start (storage unusable) or a socket cannot be opened.
+  bool Start();
   // Stops and drains every worker, then the sink. Safe to call twice.
   void Stop();
   bool running() const { return running_.load(); }

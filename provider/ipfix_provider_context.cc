@@ -19,9 +19,13 @@ IpfixProviderContext::~IpfixProviderContext() {
 }
 
 bool IpfixProviderContext::Start() {
-  // The receiver reports its own failures; switches are configured anyway
-  // so that the outcome of each is logged.
-  if (receiver) receiver->Start();
+  // No switch is asked to export towards a collector that cannot take the
+  // stream (port taken, storage unusable): the receiver logs why.
+  if (receiver && !receiver->Start()) {
+    DTL_LOG_ERROR(
+        "[ipfix bin data provider] the IPFIX receiver did not start; no switch is configured");
+    return false;
+  }
 
   for (size_t i = 0; i < switches.size(); ++i) {
     if (switches[i]->EnableHftIpfix()) continue;

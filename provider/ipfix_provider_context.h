@@ -26,8 +26,10 @@ struct IpfixProviderContext {
   IpfixProviderContext& operator=(const IpfixProviderContext&) = delete;
 
   // Starts the receiver, then enables HFT export on each switch in order.
-  // When a switch refuses, the switches before it are disabled again, the
-  // receiver is stopped and false is returned. Exceptions pass through.
+  // When the receiver cannot start, false is returned before any switch is
+  // contacted. When a switch refuses, the switches before it are disabled
+  // again, the receiver is stopped and false is returned. Exceptions pass
+  // through.
   bool Start();
 
   // Disables HFT export on every switch (a refusal is logged and skipped),

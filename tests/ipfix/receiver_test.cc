@@ -56,7 +56,7 @@ class IpfixReceiverTest : public testing::Test {
 TEST_F(IpfixReceiverTest, ZeroWorkersMeansOne) {
   config_.workers = 0;
   auto receiver = Make();
-  receiver->Start();
+  ASSERT_TRUE(receiver->Start());
   EXPECT_EQ(LogCapture::Count("6 [IPFIX receiver] Starting IPFIX receiver on UDP port " + Port() +
                               " with 1 worker(s)"),
             1u);
@@ -66,8 +66,8 @@ TEST_F(IpfixReceiverTest, ZeroWorkersMeansOne) {
 
 TEST_F(IpfixReceiverTest, StartAndStopAreIdempotent) {
   auto receiver = Make();
-  receiver->Start();
-  receiver->Start();
+  EXPECT_TRUE(receiver->Start());
+  EXPECT_TRUE(receiver->Start()) << "a second start finds it running";
   EXPECT_EQ(LogCapture::Count("4 [IPFIX receiver] Receiver already running"), 1u);
   EXPECT_EQ(sink_->starts.load(), 1);
   EXPECT_TRUE(receiver->running());
@@ -81,7 +81,7 @@ TEST_F(IpfixReceiverTest, StartAndStopAreIdempotent) {
   EXPECT_EQ(LogCapture::Count("recv thread exiting normally"), 2u);
 
   // Workers are rebuilt on every start.
-  receiver->Start();
+  EXPECT_TRUE(receiver->Start());
   EXPECT_TRUE(receiver->running());
   EXPECT_EQ(receiver->GetStats().packets_received, 0u);
 }
@@ -102,7 +102,7 @@ TEST_F(IpfixReceiverTest, BindFailureRollsStartBack) {
   ASSERT_EQ(bind(blocker, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
 
   auto receiver = Make();
-  receiver->Start();
+  EXPECT_FALSE(receiver->Start());
   EXPECT_FALSE(receiver->running());
   EXPECT_EQ(LogCapture::Count("3 [IPFIX recv worker] [w=0] bind() port=" + Port() + " failed: "), 1u);
   EXPECT_EQ(LogCapture::Count("3 [IPFIX receiver] Failed to open socket for worker 0 — aborting start"), 1u);
@@ -111,16 +111,39 @@ TEST_F(IpfixReceiverTest, BindFailureRollsStartBack) {
   EXPECT_EQ(sink_->stops.load(), 1);
 
   close(blocker);
-  receiver->Start();
+  EXPECT_TRUE(receiver->Start());
   EXPECT_TRUE(receiver->running());
   EXPECT_EQ(LogCapture::Count("IPFIX receiver started (2 workers)"), 1u);
+}
+
+// Storage that cannot work (an unusable data root) fails the start before
+// any socket is opened: nothing listens, nothing runs.
+TEST_F(IpfixReceiverTest, SinkThatCannotStartFailsTheStart) {
+  class RefusingSink : public CountingSink {
+   public:
+    bool Start() override {
+      ++starts;
+      return false;
+    }
+  };
+  auto sink = std::make_unique<RefusingSink>();
+  RefusingSink* refusing = sink.get();
+  IpfixReceiver receiver(config_, std::move(sink));
+  EXPECT_FALSE(receiver.Start());
+  EXPECT_FALSE(receiver.running());
+  EXPECT_EQ(refusing->starts.load(), 1);
+  EXPECT_EQ(LogCapture::Count("3 [IPFIX receiver] The storage under "), 1u);
+  EXPECT_EQ(LogCapture::Count("Bound to UDP port"), 0u) << "no worker may start";
+  EXPECT_EQ(LogCapture::Count("receiver started"), 0u);
+  receiver.Stop();
+  EXPECT_EQ(LogCapture::Count("Stopping IPFIX receiver"), 0u) << "there is nothing to stop";
 }
 
 TEST_F(IpfixReceiverTest, BurstIsCountedAndDrainedOnStop) {
   UdpSender sender;
   ASSERT_TRUE(sender.ok());
   auto receiver = Make();
-  receiver->Start();
+  ASSERT_TRUE(receiver->Start());
   ASSERT_TRUE(receiver->running());
 
   constexpr uint64_t kValid = 300, kInvalid = 5;
@@ -153,7 +176,7 @@ TEST_F(IpfixReceiverTest, SameHostOverIpv4AndIpv6IsTwoSessions) {
   if (!v6.ok()) GTEST_SKIP() << "no IPv6 loopback";
   config_.workers = 1;
   auto receiver = Make();
-  receiver->Start();
+  ASSERT_TRUE(receiver->Start());
   ASSERT_TRUE(v4.Send(config_.port, OptionsMessage(1, 5)));
   ASSERT_TRUE(v6.Send(config_.port, OptionsMessage(1, 5)));
   ASSERT_TRUE(WaitFor([&] { return receiver->GetStats().sessions == 2; }));
@@ -167,7 +190,7 @@ TEST_F(IpfixReceiverTest, SameHostOverIpv4AndIpv6IsTwoSessions) {
 TEST_F(IpfixReceiverTest, OversizedReceiveBufferIsCutOnce) {
   config_.recv_buffer_size = 1ull << 32;
   auto receiver = Make();
-  receiver->Start();
+  ASSERT_TRUE(receiver->Start());
   ASSERT_TRUE(receiver->running());
   EXPECT_EQ(LogCapture::Count("4 [IPFIX receiver] recv_buffer_size 4294967296 exceeds the socket limit"), 1u);
   EXPECT_EQ(LogCapture::Count("recv_buffer=2147483647"), 2u);
