@@ -60,6 +60,7 @@ struct Options {
   std::vector<std::string> sinks = {"floor", "decode"};
   std::string data_dir = "/tmp";
   bool direct_io = true;
+  uint32_t flush_idle_ms = 1000;  // 0: partial pages only at stop
   uint64_t recv_buffer = 32 << 20;
 };
 
@@ -302,6 +303,7 @@ Outcome RunStore(const Options& o, uint64_t rate) {
   config.disk.workers = 1;
   config.disk.max_sessions = config.max_sessions;
   config.disk.direct_io = o.direct_io;
+  config.disk.flush_idle_ms = o.flush_idle_ms;
   {
     dtl::ipfix::IpfixReceiver receiver(config);
     receiver.Start();
@@ -426,9 +428,10 @@ int main(int argc, char** argv) {
                                     {"data-dir", required_argument, nullptr, 'd'},
                                     {"direct-io", required_argument, nullptr, 'o'},
                                     {"recv-buffer", required_argument, nullptr, 'b'},
+                                    {"flush-idle-ms", required_argument, nullptr, 'f'},
                                     {"help", no_argument, nullptr, 'h'},
                                     {nullptr, 0, nullptr, 0}};
-  for (int c; (c = getopt_long(argc, argv, "r:s:p:i:k:d:o:b:h", longopts, nullptr)) != -1;) {
+  for (int c; (c = getopt_long(argc, argv, "r:s:p:i:k:d:o:b:f:h", longopts, nullptr)) != -1;) {
     switch (c) {
       case 'r':
         o.rates.clear();
@@ -441,11 +444,12 @@ int main(int argc, char** argv) {
       case 'd': o.data_dir = optarg; break;
       case 'o': o.direct_io = std::strtoul(optarg, nullptr, 10) != 0; break;
       case 'b': o.recv_buffer = std::strtoull(optarg, nullptr, 10); break;
+      case 'f': o.flush_idle_ms = static_cast<uint32_t>(std::strtoul(optarg, nullptr, 10)); break;
       default:
         std::printf(
             "usage: %s [--rate R1,R2,...] [--seconds S] [--port P] [--interfaces N]\n"
             "          [--sinks floor,decode,store,nfcapd] [--data-dir DIR] [--direct-io 0|1]\n"
-            "          [--recv-buffer BYTES]\n"
+            "          [--recv-buffer BYTES] [--flush-idle-ms MS]\n"
             "Streams hft-sim over loopback into each receiving side in turn: a bare recvmmsg\n"
             "sink (floor), the collector's receiver decoding only (decode), the receiver with\n"
             "the disk writer storing under a temporary directory in DIR (store), nfcapd.\n"

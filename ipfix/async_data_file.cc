@@ -237,8 +237,10 @@ bool AsyncDataFile::CreateFile() {
   const int fd = open(data_file_name_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   if (fd < 0) {
     const int error = errno;
-    DTL_LOG_ERROR("[async_data_file] CreateFile open(%s) failed: %s (errno=%d)",
-                  data_file_name_.c_str(), strerror(error), error);
+    // Once per fault: while the root stays unusable every page retries.
+    if (report_errors_)
+      DTL_LOG_ERROR("[async_data_file] CreateFile open(%s) failed: %s (errno=%d)",
+                    data_file_name_.c_str(), strerror(error), error);
     errno = error;
     return false;
   }

@@ -99,7 +99,9 @@ class AsyncDataFile {
   // What the periodic look at the file on disk found.
   enum class DiskState { kOk, kWriteFailed, kDeleted, kTruncated };
   // Checks that the current file is still the one being written: present
-  // under its name, not cut shorter than what was written, its header intact.
+  // under its name, not cut shorter than what was written (nor cut and
+  // lengthened again, which leaves a hole), its header intact. Call with no
+  // write of the file in flight.
   DiskState CheckOnDisk();
 
   // Closes a file whose writes failed or which was damaged from outside

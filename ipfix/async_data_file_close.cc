@@ -82,6 +82,16 @@ AsyncDataFile::DiskState AsyncDataFile::CheckOnDisk() {
     NoteBadEnd(by_fd.st_size);
     return DiskState::kTruncated;
   }
+  // Cut and then lengthened again by a later write: a hole below what was
+  // written (every write is complete, so every byte below done is data).
+  const off_t hole = lseek(fd_, 0, SEEK_HOLE);
+  if (hole >= 0 && hole < std::min<int64_t>(done, written_bytes)) {
+    // Holes start on file system blocks, while the cut may have fallen
+    // anywhere in the block before: only what precedes that block is sure.
+    const int64_t granule = by_fd.st_blksize > 0 ? by_fd.st_blksize : 4096;
+    NoteBadEnd(std::max<int64_t>(0, hole - granule));
+    return DiskState::kTruncated;
+  }
   if (done >= static_cast<int64_t>(kHeaderBytes) && meta_fd_ >= 0) {
     char magic[DTL_MAGIC_SIZE] = {};
     if (ReadAll(meta_fd_, magic, sizeof magic, 0) &&
@@ -120,7 +130,7 @@ uint64_t AsyncDataFile::CloseCurrent(bool damaged) {
     // leftover for the reader and for retention.
     CloseMetaFd();
     if (unlink(name) == 0)
-      DTL_LOG_WARNING("[async_data_file] Removed %s: no whole sample reached it", name);
+      DTL_LOG_DEBUG("[async_data_file] Removed %s: no whole sample reached it", name);
     written_bytes = 0;
     return 0;
   }

@@ -221,6 +221,8 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   void NoteHealthy(DomainState& state);
   void ReportClosedFile(const std::string& path, uint64_t size);
   static void WaitForInFlight(DomainState& state);
+  // Whether a write of the session is outstanding.
+  static bool Busy(const DomainState& state);
   static void ResetPage(DomainState& state);
   // Creates the data root and writes a probe file there (choosing buffered
   // writes where direct I/O is refused). False with a log line when unusable.

@@ -402,7 +402,9 @@ void IpfixDiskWriter::FlushState(DomainState& s) {
     DiskState fault = DiskState::kOk;
     if (file.TakeWriteError()) {
       fault = DiskState::kWriteFailed;
-    } else if (++s.writes_since_check >= kCheckInterval) {
+    } else if (s.writes_since_check >= kCheckInterval && !Busy(s)) {
+      // Only with nothing in flight: a write still landing looks like a hole.
+      // Under load the other page's write is normally done by now.
       s.writes_since_check = 0;
       fault = file.CheckOnDisk();
     }
@@ -435,6 +437,7 @@ void IpfixDiskWriter::FlushState(DomainState& s) {
     ResetPage(s);
     return;
   }
+  if (s.writes_since_check < kCheckInterval) ++s.writes_since_check;
   if (!s.header_written) {
     WriteHeaderUnit(s);
   } else {
@@ -505,10 +508,12 @@ void IpfixDiskWriter::WriteDataPage(DomainState& s) {
   s.flushed = s.count;
 }
 
+bool IpfixDiskWriter::Busy(const DomainState& s) {
+  return s.page_in_flight[0].load() || s.page_in_flight[1].load() || s.header_in_flight.load();
+}
+
 void IpfixDiskWriter::WaitForInFlight(DomainState& s) {
-  auto busy = [&s] {
-    return s.page_in_flight[0].load() || s.page_in_flight[1].load() || s.header_in_flight.load();
-  };
+  auto busy = [&s] { return Busy(s); };
   if (!busy()) return;
   DTL_LOG_DEBUG("[IPFIX disk writer] WaitForInFlight: enter page[0]=%d page[1]=%d header=%d src=%s",
                 s.page_in_flight[0].load() ? 1 : 0, s.page_in_flight[1].load() ? 1 : 0,

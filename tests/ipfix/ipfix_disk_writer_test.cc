@@ -646,3 +646,34 @@ TEST_F(DiskWriterTest, IdleSessionsPagesReachTheDiskAndLaterSamplesFollow) {
   ExpectSamples(file.blocks, 0, 30);
   EXPECT_EQ(file.header.last_timestamp, SampleTs(sent - 1));
 }
+
+// While no data file can be created, every page is given up (counted and
+// said once) and the page never grows past its buffer, however many samples
+// arrive; once the path can be created again, the next samples are stored.
+TEST_F(DiskWriterTest, SamplesWithoutADataFileAreLostOnceSaidAndStorageResumes) {
+  LogCapture log;
+  config_.counters_template = "blocked/{{source}}/{{id}}.bin";
+  config_.batch_count = 64;
+  auto w = StartWriter();
+  std::ofstream(root_ / "blocked") << "a file where a directory should be";
+  const std::string key = Key("192.0.2.1", 4739, 7);
+  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  const uint32_t capacity = w->FindSession(0, key)->batch_capacity;
+  WriteSamples(*w, key, 30, 0, 3 * capacity + 5);
+  EXPECT_LE(w->FindSession(0, key)->count, capacity);
+  EXPECT_EQ(log.Count("no data file can be created under"), 1u);
+  EXPECT_EQ(DataFiles(root_), std::vector<fs::path>{root_ / "blocked"}) << "no data file yet";
+
+  fs::remove(root_ / "blocked");
+  const uint64_t later = 3 * capacity + 5;
+  WriteSamples(*w, key, 30, later, 2 * capacity);
+  w.reset();
+  const auto files = DataFiles(root_);
+  ASSERT_EQ(files.size(), 1u);
+  const DataFile file = Parse(files[0]);
+  ASSERT_GE(file.blocks.size(), capacity) << "samples after the fault are stored";
+  const uint64_t first = (file.blocks.front().ts - SampleTs(0)) / 100;
+  EXPECT_GE(first, later - capacity) << "nothing older than the page that found the path again";
+  ExpectSamples(file.blocks, first, 30);
+  EXPECT_EQ(file.blocks.back().ts, SampleTs(later + 2 * capacity - 1));
+}
