@@ -103,6 +103,9 @@ class AsyncDataFile {
   // lengthened again, which leaves a hole), its header intact. Call with no
   // write of the file in flight.
   DiskState CheckOnDisk();
+  // The part of that check a single fstat answers (deleted, or shorter than
+  // what was written); safe with writes in flight, cheap enough for every page.
+  DiskState QuickCheckOnDisk();
 
   // Closes a file whose writes failed or which was damaged from outside
   // (state says how): keeps exactly the whole blocks written before the

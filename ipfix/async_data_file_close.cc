@@ -66,6 +66,19 @@ void AsyncDataFile::ContinueAfterLastBlock() {
   buffered_only_ = end % 4096 != 0;
 }
 
+AsyncDataFile::DiskState AsyncDataFile::QuickCheckOnDisk() {
+  if (!has_file() || fd_ < 0) return DiskState::kOk;
+  struct stat by_fd {};
+  if (fstat(fd_, &by_fd) != 0) return DiskState::kOk;
+  if (by_fd.st_nlink == 0) return DiskState::kDeleted;
+  // Completed writes never shrink a file: something else did.
+  if (by_fd.st_size < done_end_.load(std::memory_order_relaxed)) {
+    NoteBadEnd(by_fd.st_size);
+    return DiskState::kTruncated;
+  }
+  return DiskState::kOk;
+}
+
 AsyncDataFile::DiskState AsyncDataFile::CheckOnDisk() {
   if (!has_file()) return DiskState::kOk;
   struct stat by_path {};

@@ -1,10 +1,11 @@
 // Turns decoded IPFIX samples into bytes on disk. Every session gets a
 // DomainState: its rotating data file, two page buffers that receive
-// fixed-size sample blocks (double buffering) and a header page that carries
-// the 256-byte data file header plus the first blocks of each new file. Full
-// pages go to the shared io_uring writer as asynchronous writes from 4 KiB
-// aligned, optionally kernel-registered memory. Each schema update also
-// publishes the counters-schema file and the metadata file of the session.
+// fixed-size sample blocks (double buffering) and a header page in which the
+// 256-byte data file header and the first blocks of each new file are put
+// together. Pages go to the shared io_uring writer as asynchronous writes
+// from 4 KiB aligned, optionally kernel-registered memory; a quiet session's
+// partial page is written too. Each schema update also publishes the
+// counters-schema file and the metadata file of the session.
 //
 // Threads: receive worker i alone uses shard i (its sessions) and takes no
 // lock; the io_uring writer thread clears the in-flight flags and runs the

@@ -407,6 +407,9 @@ void IpfixDiskWriter::FlushState(DomainState& s) {
       // Under load the other page's write is normally done by now.
       s.writes_since_check = 0;
       fault = file.CheckOnDisk();
+    } else {
+      // A deleted file would swallow every page until the full look.
+      fault = file.QuickCheckOnDisk();
     }
     if (fault != DiskState::kOk) {
       WaitForInFlight(s);
