@@ -152,7 +152,22 @@ std::string SanitizePathComponent(std::string const& name) {
   std::string safe = name;
   for (char& c : safe)
     if (IsUnsafePathByte(static_cast<unsigned char>(c))) c = '_';
-  return safe;
+  if (safe.size() <= kMaxPathComponent) return safe;
+
+  // Too long for a file name: a readable prefix, cut before a UTF-8 lead
+  // byte, then a hash of the whole name so that long names differing only
+  // past the prefix stay apart. FNV-1a: stable across builds and runs, so a
+  // switch keeps its directory over restarts.
+  uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : name) hash = (hash ^ c) * 1099511628211ull;
+  char suffix[18];
+  std::snprintf(suffix, sizeof suffix, "~%016llx", static_cast<unsigned long long>(hash));
+  size_t keep = kMaxPathComponent - (sizeof suffix - 1);
+  // A continuation byte (10xxxxxx) at the cut belongs to a sequence that
+  // starts before it; a sequence is at most 4 bytes long.
+  for (int i = 0; i < 3 && (static_cast<unsigned char>(safe[keep]) & 0xC0) == 0x80; ++i) --keep;
+  safe.resize(keep);
+  return safe + suffix;
 }
 
 std::string AsyncDataFile::BuildFilePath() {

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -14,9 +15,13 @@ namespace dtl::ipfix {
 // Makes a value safe to use as exactly one directory or file name component:
 // '/', '\\', '%' (a time-format directive such as %D could expand to a
 // separator), control bytes and DEL become '_', and a name that is empty,
-// "." or ".." becomes as many '_' (at least one). Values from the network,
-// such as a switch name, pass through it before they reach a path, so that
-// they can neither leave the data root nor add directory levels.
+// "." or ".." becomes as many '_' (at least one). A result longer than
+// kMaxPathComponent bytes is cut to a prefix that ends on a whole UTF-8
+// character, followed by '~' and 16 hex digits of a hash of the full name.
+// Values from the network, such as a switch name, pass through it before
+// they reach a path, so that they can neither leave the data root nor add
+// directory levels, and always fit in a file name.
+inline constexpr size_t kMaxPathComponent = 200;  // well below NAME_MAX (255)
 std::string SanitizePathComponent(std::string const& name);
 
 // The time as UTC calendar time down to the millisecond, printed with format

@@ -219,11 +219,13 @@ void IpfixRecvWorker::ReceiveLoop() {
     if (n > 0) {
       backoff = config_.backoff_min_us;
       last_filled_ = n;
+      // One clock read serves the whole batch: its datagrams arrived together.
+      const uint64_t now_ns = MonotonicNowNs();
       for (int i = 0; i < n; ++i) {
         const size_t length = headers_[i].msg_len;
         Bump(packets_received_, 1);
         Bump(bytes_, length);
-        ProcessMessage(SlotData(i), length, *SlotAddress(i));
+        ProcessMessage(SlotData(i), length, *SlotAddress(i), now_ns);
       }
       Bump(batches_, 1);
       if (sink_ != nullptr) sink_->Tick(index_);
@@ -249,7 +251,14 @@ void IpfixRecvWorker::ReceiveLoop() {
   }
 }
 
-void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from) {
+uint64_t IpfixRecvWorker::MonotonicNowNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+}
+
+void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from,
+                                     uint64_t now_ns) {
   const ParsedHeader header = MessageParser::ParseHeader(data, len);
   if (!header.valid) {
     Bump(errors_, 1);
@@ -258,13 +267,18 @@ void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sock
   Bump(parsed_, 1);
 
   const SessionKey key = IpfixReceiver::MakeSessionKey(from, header.observation_domain_id);
-  IpfixSession* session = FindOrCreateSession(key, header.export_time);
+  IpfixSession* session = FindOrCreateSession(key, now_ns);
   if (session == nullptr) {
-    DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] cannot create session for domain %u (max sessions reached)",
-                  index_, header.observation_domain_id);
+    ++refused_count_;
+    if (refused_count_ % 256 == 1)
+      DTL_LOG_ERROR(
+          "[IPFIX recv worker] [w=%zu] cannot create session for domain %u (max sessions reached, "
+          "count=%llu)",
+          index_, header.observation_domain_id, refused_count_);
     return;
   }
-  session->set_last_export_time(header.export_time);
+  session->set_last_seen_ns(now_ns);
+  session->BeginMessage(header.sequence_number);
 
   // Only the header's message length counts; trailing datagram bytes are ignored.
   const size_t end = header.length;
@@ -290,7 +304,7 @@ void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sock
   }
 }
 
-IpfixSession* IpfixRecvWorker::FindOrCreateSession(const SessionKey& key, uint32_t now) {
+IpfixSession* IpfixRecvWorker::FindOrCreateSession(const SessionKey& key, uint64_t now_ns) {
   // Datagrams of one exporter come in runs; comparing the key with the last
   // one found beats hashing it.
   if (last_session_ != nullptr && key == last_key_) return last_session_;
@@ -303,13 +317,15 @@ IpfixSession* IpfixRecvWorker::FindOrCreateSession(const SessionKey& key, uint32
   last_session_ = nullptr;  // reaping below may erase it
 
   // Reaping only runs for an unknown key, so known exporters never pay for it.
-  // A last export time of 0 means "never seen"; a newer one than now means
-  // the clocks disagree, not that the session is stale.
+  // Silence is measured on the collector's own clock: export times are the
+  // exporters' clocks, and one exporter's clock says nothing about another.
+  const uint64_t timeout_ns = uint64_t{config_.session_timeout_sec} * 1000000000ull;
   for (auto it = sessions_.begin(); it != sessions_.end();) {
-    const uint32_t last = it->second->last_export_time();
-    if (last != 0 && last < now && now - last > config_.session_timeout_sec) {
-      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] reaping stale session %s (inactive %u sec)", index_,
-                   it->second->display_name().c_str(), now - last);
+    const uint64_t last = it->second->last_seen_ns();
+    if (now_ns > last && now_ns - last > timeout_ns) {
+      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] reaping stale session %s (inactive %llu sec)", index_,
+                   it->second->display_name().c_str(),
+                   static_cast<unsigned long long>((now_ns - last) / 1000000000ull));
       if (sink_ != nullptr) sink_->RemoveSession(index_, it->second->key());
       it = sessions_.erase(it);
       sessions_count_.store(sessions_.size());

@@ -34,6 +34,8 @@ class IpfixRecvWorker {
     uint32_t backoff_min_us = 20;
     uint32_t backoff_max_us = 100;
     std::string bind_device;
+    // Seconds without a datagram after which a session is reaped (looked
+    // at when a new exporter appears).
     uint32_t session_timeout_sec = 300;
   };
 
@@ -76,11 +78,21 @@ class IpfixRecvWorker {
   // Body of the receive thread.
   void ReceiveLoop();
   // One datagram: header check, session lookup and the walk over its sets.
-  // Only the receive thread calls it while the worker runs.
-  void ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from);
-  // The session of key, created when new (after reaping stale sessions);
-  // null when the table is full. now is the message's export time.
-  IpfixSession* FindOrCreateSession(const SessionKey& key, uint32_t now);
+  // now_ns is the collector's monotonic clock (MonotonicNowNs) at its
+  // arrival; the receive thread reads it once per batch. Only the receive
+  // thread calls it while the worker runs.
+  void ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from, uint64_t now_ns);
+  // The same at the current time.
+  void ProcessMessage(const uint8_t* data, size_t len, const sockaddr_in6& from) {
+    ProcessMessage(data, len, from, MonotonicNowNs());
+  }
+  // The session of key, created when new (after reaping the sessions that
+  // have had no datagram for longer than the session timeout at now_ns);
+  // null when the table is full.
+  IpfixSession* FindOrCreateSession(const SessionKey& key, uint64_t now_ns);
+  // The clock session activity is measured with: coarse (a few ms) and
+  // monotonic, cheap enough to read for every batch.
+  static uint64_t MonotonicNowNs();
 
   size_t index() const { return index_; }
   // The socket descriptor, -1 when closed (for diagnostics).
@@ -121,6 +133,8 @@ class IpfixRecvWorker {
   SessionKey last_key_{};
   IpfixSession* last_session_ = nullptr;
   std::atomic<uint64_t> sessions_count_{0};
+  // Datagrams refused for a full table; only every 256th is logged.
+  unsigned long long refused_count_ = 0;
   std::atomic<uint64_t> packets_received_{0};
   std::atomic<uint64_t> parsed_{0};
   std::atomic<uint64_t> errors_{0};

@@ -53,6 +53,10 @@ void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates)
     const uint16_t id = tmpl.template_id;
     if (id >= kFirstMetaTemplateId && id < kFirstMetaTemplateId + kMetaTemplateSlots) {
       auto& slot = meta_templates_[id - kFirstMetaTemplateId];
+      if (tmpl.fields.empty()) {
+        slot.present = false;
+        continue;
+      }
       if (slot.present && SameFields(slot.tmpl, tmpl)) continue;
       slot.tmpl = tmpl;
       slot.present = true;
@@ -60,6 +64,17 @@ void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates)
                    display_name_.c_str(), static_cast<unsigned>(id), tmpl.fields.size());
     } else if (id >= kFirstCounterTemplateId && id < kFirstCounterTemplateId + kCounterTemplateSlots) {
       auto& slot = counter_templates_[id - kFirstCounterTemplateId];
+      if (tmpl.fields.empty()) {
+        // A withdrawal: the template leaves the sample layout, which is a
+        // schema change like any other template change.
+        if (!slot.present) continue;
+        slot.present = false;
+        plan_valid_[id - kFirstCounterTemplateId] = false;
+        DTL_LOG_INFO("[IPFIX session] Session %s: counter template ID %u withdrawn", display_name_.c_str(),
+                     static_cast<unsigned>(id));
+        counter_changed = true;
+        continue;
+      }
       if (slot.present && SameFields(slot.tmpl, tmpl)) continue;
       slot.tmpl = tmpl;
       slot.present = true;
@@ -79,20 +94,24 @@ void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates)
     schema_dirty_ = true;
     UpdateCachedFragmentCount();
     DropPendingSample();
+    parked_.active = false;
     NotifySchemaChange();
   }
 }
 
 void IpfixSession::ProcessDataSet(uint16_t set_id, const uint8_t* body, size_t len,
-                                  uint32_t export_time, uint32_t sequence_number) {
+                                  uint32_t /*export_time*/, uint32_t sequence_number) {
   ++data_sets_processed_;
   if (set_id >= kFirstMetaTemplateId && set_id < kFirstMetaTemplateId + kMetaTemplateSlots) {
     const auto& slot = meta_templates_[set_id - kFirstMetaTemplateId];
     if (!slot.present) {
+      sequence_.SkipUncountable();
       DTL_LOG_DEBUG("[IPFIX session] Session %s: no template for meta set ID %u, skipping",
                     display_name_.c_str(), static_cast<unsigned>(set_id));
       return;
     }
+    // Descriptive records take record numbers like any data record.
+    NumberDescriptiveRecords(slot.tmpl, body, len);
     switch (set_id) {
       case kSwitchNameTemplateId:
         ProcessSwitchNameRecord(slot.tmpl, body, len);
@@ -110,17 +129,20 @@ void IpfixSession::ProcessDataSet(uint16_t set_id, const uint8_t* body, size_t l
     return;
   }
   if (set_id < kFirstCounterTemplateId) {
+    sequence_.SkipUncountable();
     DTL_LOG_DEBUG("[IPFIX session] Session %s: unknown data set ID %u", display_name_.c_str(),
                   static_cast<unsigned>(set_id));
     return;
   }
   if (set_id < kFirstCounterTemplateId + kCounterTemplateSlots) {
-    const auto& slot = counter_templates_[set_id - kFirstCounterTemplateId];
-    if (slot.present) {
-      ProcessCounterDataRecords(set_id, slot.tmpl, body, len, export_time, sequence_number);
+    const size_t slot = set_id - kFirstCounterTemplateId;
+    if (counter_templates_[slot].present) {
+      ProcessCounterSet(slot, body, len);
       return;
     }
   }
+  // Records of unknown length: the ones after them cannot be numbered.
+  sequence_.SkipUncountable();
   DTL_LOG_DEBUG("[IPFIX session] Session %s: no template for counter set ID %u, skipping",
                 display_name_.c_str(), static_cast<unsigned>(set_id));
 }

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "ipfix/ipfix_session_sink.h"
 #include "ipfix/message_parser.h"
 #include "ipfix/schema_snapshot.h"
+#include "ipfix/sequence_tracker.h"
 
 namespace dtl::ipfix {
 
@@ -71,12 +73,6 @@ class IpfixSession {
     size_t length = 0;
   };
 
-  struct PendingDefinitionEntry {
-    uint64_t id = 0;
-    std::string key;
-    std::string value;
-  };
-
   // key: the session key's significant bytes; sink may be null.
   IpfixSession(const std::string& key, size_t worker_id, IpfixSessionSink* sink);
   // Releases everything; the sink is not told.
@@ -85,6 +81,9 @@ class IpfixSession {
   IpfixSession(const IpfixSession&) = delete;
   IpfixSession& operator=(const IpfixSession&) = delete;
 
+  // A message of the exporter begins (its sets follow); its header carried
+  // sequence_number.
+  void BeginMessage(uint32_t sequence_number) { sequence_.BeginMessage(sequence_number); }
   // One template set of the exporter.
   void UpdateTemplates(const std::vector<ParsedTemplate>& templates);
   // One data set (set ID >= 256); body/len exclude the set header.
@@ -109,13 +108,17 @@ class IpfixSession {
   const std::string& key() const { return key_; }
   const std::string& display_name() const { return display_name_; }
   size_t worker_id() const { return worker_id_; }
-  uint32_t last_export_time() const { return last_export_time_; }
-  void set_last_export_time(uint32_t t) { last_export_time_ = t; }
+  // The collector's monotonic clock (ns) at the session's latest datagram:
+  // inactivity is judged by it, never by the exporter's export times.
+  uint64_t last_seen_ns() const { return last_seen_ns_; }
+  void set_last_seen_ns(uint64_t now_ns) { last_seen_ns_ = now_ns; }
 
   const std::vector<RecordField>& record_fields() const { return record_fields_; }
   const std::string& switch_name() const { return switch_name_; }
   const std::map<uint16_t, std::string>& counter_names() const { return counter_names_; }
   uint64_t expected_fields() const { return expected_fields_; }
+  // Mappings received but not in use (an announcement still incomplete).
+  size_t pending_mapping_count() const { return mapping_assembly_.size(); }
   uint64_t total_value_bytes() const { return total_value_bytes_; }
   uint64_t fragment_count() const { return fragment_count_; }
   uint64_t value_offsets(size_t slot) const { return value_offsets_[slot]; }
@@ -138,8 +141,22 @@ class IpfixSession {
                                         uint32_t sequence_number);
   void ProcessMetadataMappingRecords(const ParsedTemplate& tmpl, const uint8_t* body, size_t len,
                                      uint32_t sequence_number);
-  void RebuildMetadataDefinitions();
-  void RebuildMetadataMappings();
+  // (template, metadata ID) in the exporter's order; stored counters per
+  // counter template slot, which is what mappings describe.
+  using Mappings = std::vector<std::pair<uint16_t, uint64_t>>;
+  using MappedCounts = std::array<size_t, kCounterTemplateSlots>;
+  MappedCounts MappedFieldCounts() const;
+  // 0 for a template that is no known counter template.
+  static size_t MappedFieldCount(const MappedCounts& counts, uint16_t template_id);
+  // Each known counter template has exactly as many mappings as stored
+  // counters (mappings of other templates aside).
+  static bool MappingsWhole(const Mappings& mappings, const MappedCounts& fields);
+  // The mappings of known counter templates, by template, each template's
+  // in the exporter's order: what labels the counters.
+  static Mappings MappingsInUse(const Mappings& mappings, const MappedCounts& fields);
+  // Whether a mapping set begins another announcement's mappings rather
+  // than continuing the ones being gathered.
+  bool StartsNewMappingBlock(const Mappings& set, const MappedCounts& fields) const;
   void UpdateMetadataComplete();
   void NotifySchemaChange();
   // Next record of a descriptive set; false at the end of the set.
@@ -152,8 +169,28 @@ class IpfixSession {
                               size_t max_bytes, uint32_t* seconds, uint32_t* nanoseconds) const;
   size_t ExtractFieldByField(size_t slot, const uint8_t* data, size_t len, uint8_t* dest,
                              size_t max_bytes, uint32_t* seconds, uint32_t* nanoseconds) const;
-  void ProcessCounterDataRecords(uint16_t set_id, const ParsedTemplate& tmpl, const uint8_t* body,
-                                 size_t len, uint32_t export_time, uint32_t sequence_number);
+  // Every record of a counter set, each one fragment of a sample.
+  void ProcessCounterSet(size_t slot, const uint8_t* body, size_t len);
+  void AcceptFragment(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  // Opens a sample with a record of the first counter template.
+  bool OpenSample(const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  void AddToSample(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  // Keeps a fragment that came before its sample's first record.
+  void Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  void CompleteIfWhole();
+  void Commit();
+  void Park();
+  // Brings a parked sample back into a new block of the sink.
+  void Unpark();
+  // Checked samples: takes the stashed fragments whose numbers now lie in
+  // the sample's unbroken run of records.
+  void AbsorbStash();
+  void ClearStash();
+  bool SeenOwnBefore(size_t slot, uint32_t number) const;
+  bool Joinable(size_t slot, uint32_t number) const;
+  // Numbers a data record (descriptive ones too) and remembers the number.
+  std::optional<uint32_t> NumberRecord();
+  void NumberDescriptiveRecords(const ParsedTemplate& tmpl, const uint8_t* body, size_t len);
   void DropPendingSample();
   bool HasActiveSink() const;
 
@@ -167,12 +204,16 @@ class IpfixSession {
 
   std::string switch_name_;
   std::map<uint16_t, std::string> counter_names_;
+  // Label pairs by definition ID, one value per key, keys in first-seen order.
   std::map<uint64_t, MetadataPairs> metadata_definitions_;
-  std::map<uint32_t, std::vector<PendingDefinitionEntry>> definition_messages_;
-  uint32_t definition_revision_ = 0;
-  std::map<uint32_t, std::vector<std::pair<uint16_t, uint64_t>>> mapping_messages_;
-  uint32_t mapping_revision_ = 0;
-  std::vector<std::pair<uint16_t, uint64_t>> metadata_mappings_;
+  // The mappings in use: the latest whole announcement's, in its order.
+  Mappings metadata_mappings_;
+  // Mappings of the announcement being received, until they are whole.
+  Mappings mapping_assembly_;
+  // Other descriptive records came after the latest mapping set.
+  bool descriptive_since_mappings_ = false;
+  // The session was reported incomplete since it was last complete.
+  bool incomplete_reported_ = false;
 
   std::array<ExtractionPlan, kCounterTemplateSlots> plans_;
   std::array<bool, kCounterTemplateSlots> plan_valid_{};
@@ -181,17 +222,49 @@ class IpfixSession {
   uint64_t fragment_count_ = 0;
   uint64_t expected_fields_ = 0;
 
-  uint32_t sample_seconds_ = 0;
-  uint32_t sample_nanoseconds_ = 0;
-  uint64_t expected_fragments_ = 0;
-  uint64_t received_fragments_ = 0;
-  uint32_t received_slots_ = 0;  // bit i: template 300 + i is in the pending sample
-  // Sequence number of the message holding the pending sample's latest
-  // fragment, and how many of its fragments that message carried.
-  uint32_t pending_message_sequence_ = 0;
-  uint32_t pending_message_records_ = 0;
+  // The sample being assembled: which counter templates it has (bit i:
+  // template 300 + i), which it needs, and the record numbers it spans.
+  uint32_t received_slots_ = 0;
+  uint32_t expected_slots_ = 0;
   bool sample_pending_ = false;
   uint8_t* pending_slot_ = nullptr;
+  SequenceTracker sequence_;
+  RecordHistory history_;
+  // Lowest and highest record number among the pending sample's fragments;
+  // span_known_ is cleared when one of them could not be numbered.
+  uint32_t span_low_ = 0;
+  uint32_t span_high_ = 0;
+  bool span_known_ = false;
+  // The numbering was learnt when the pending sample opened: it is checked.
+  bool span_checked_ = false;
+  // Checked samples: every record number from span_low_ to contiguous_ has
+  // been seen; only fragments numbered in that run join the sample.
+  uint32_t contiguous_ = 0;
+
+  // Fragments that arrived before the first record of their sample.
+  struct StashedFragment {
+    bool present = false;
+    std::optional<uint32_t> number;
+    std::vector<uint8_t> bytes;
+  };
+  std::array<StashedFragment, kCounterTemplateSlots> stash_;
+  // A sample set aside while an older one, whose first record came late, is
+  // assembled in the sink's block: its values and assembly state.
+  struct ParkedSample {
+    bool active = false;
+    uint32_t seconds = 0, nanoseconds = 0;
+    uint32_t received_slots = 0, expected_slots = 0;
+    uint32_t span_low = 0, span_high = 0, contiguous = 0;
+    bool span_known = false;
+    std::vector<uint8_t> values;
+  };
+  ParkedSample parked_;
+  uint32_t pending_seconds_ = 0;
+  uint32_t pending_nanoseconds_ = 0;
+  // Number of the latest fragment seen of each template (bit set: known).
+  std::array<uint32_t, kCounterTemplateSlots> last_number_{};
+  uint32_t numbered_slots_ = 0;
+  uint32_t stashed_slots_ = 0;
 
   uint64_t records_written_log_interval_ = kRecordsWrittenLogInterval;
   uint64_t data_sets_processed_ = 0;
@@ -199,7 +272,7 @@ class IpfixSession {
   uint64_t records_written_ = 0;
   bool schema_dirty_ = false;
   bool metadata_complete_ = false;
-  uint32_t last_export_time_ = 0;
+  uint64_t last_seen_ns_ = 0;
 };
 
 }  // namespace dtl::ipfix

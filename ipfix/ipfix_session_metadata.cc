@@ -2,6 +2,8 @@
 // definitions and mappings, and the schema built from them.
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "dtl_logger.h"
@@ -36,6 +38,12 @@ std::string FieldText(const IpfixSession::RecordField& field) {
   return std::string(reinterpret_cast<const char*>(field.data), field.length);
 }
 
+// A counter template's field that becomes a stored value (and so is what a
+// mapping describes); see GetSchemaSnapshot.
+bool IsStoredCounter(const ParsedFieldSpecifier& field) {
+  return field.element_id != 1 && field.element_id != 2 && field.length != kVariableLength;
+}
+
 }  // namespace
 
 bool IpfixSession::NextRecord(const ParsedTemplate& tmpl, const uint8_t* body, size_t len,
@@ -50,6 +58,8 @@ bool IpfixSession::NextRecord(const ParsedTemplate& tmpl, const uint8_t* body, s
 
 void IpfixSession::ProcessSwitchNameRecord(const ParsedTemplate& tmpl, const uint8_t* body,
                                            size_t len) {
+  descriptive_since_mappings_ = true;
+  bool changed = false;
   size_t offset = 0;
   while (NextRecord(tmpl, body, len, offset)) {
     for (const RecordField& field : record_fields_) {
@@ -58,16 +68,21 @@ void IpfixSession::ProcessSwitchNameRecord(const ParsedTemplate& tmpl, const uin
           std::memcmp(field.data, switch_name_.data(), field.length) == 0)
         continue;
       switch_name_ = FieldText(field);
-      schema_dirty_ = true;
+      changed = true;
       DTL_LOG_INFO("[IPFIX session] Session %s: switch name = '%s'", display_name_.c_str(),
                    switch_name_.c_str());
     }
   }
-  if (schema_dirty_) NotifySchemaChange();
+  // Only a change is told: a repeated announcement must stay silent.
+  if (!changed) return;
+  schema_dirty_ = true;
+  NotifySchemaChange();
 }
 
 void IpfixSession::ProcessCounterNameRecords(const ParsedTemplate& tmpl, const uint8_t* body,
                                              size_t len) {
+  descriptive_since_mappings_ = true;
+  bool changed = false;
   size_t offset = 0;
   while (NextRecord(tmpl, body, len, offset)) {
     uint16_t element = 0;
@@ -87,115 +102,168 @@ void IpfixSession::ProcessCounterNameRecords(const ParsedTemplate& tmpl, const u
     std::string text = FieldText(*name);
     auto it = counter_names_.find(element);
     if (it != counter_names_.end() && it->second == text) continue;
-    DTL_LOG_INFO("[IPFIX session] Session %s: counter name IE %u = '%s' (revision %u)",
-                 display_name_.c_str(), static_cast<unsigned>(element), text.c_str(), revision);
+    // A counter's first name is news; a renaming shows in the schema line.
+    DTL_LOG(it == counter_names_.end() ? DTL_LOG_LEVEL_INFO : DTL_LOG_LEVEL_DEBUG,
+            "[IPFIX session] Session %s: counter name IE %u = '%s' (revision %u)",
+            display_name_.c_str(), static_cast<unsigned>(element), text.c_str(), revision);
     counter_names_[element] = std::move(text);
-    schema_dirty_ = true;
+    changed = true;
   }
-  if (schema_dirty_) NotifySchemaChange();
+  if (!changed) return;
+  schema_dirty_ = true;
+  NotifySchemaChange();
 }
 
 void IpfixSession::ProcessMetadataDefinitionRecords(const ParsedTemplate& tmpl, const uint8_t* body,
-                                                    size_t len, uint32_t sequence_number) {
-  // Definitions are frozen once the metadata is complete.
-  if (metadata_complete_ || len == 0) return;
-
-  std::vector<PendingDefinitionEntry> entries;
+                                                    size_t len, uint32_t /*sequence_number*/) {
+  descriptive_since_mappings_ = true;
+  bool changed = false;
   uint32_t revision = 0;  // carries over from record to record
   size_t offset = 0;
   while (NextRecord(tmpl, body, len, offset)) {
-    PendingDefinitionEntry entry;
+    uint64_t id = 0;
+    const RecordField* key = nullptr;
+    const RecordField* value = nullptr;
     for (const RecordField& field : record_fields_) {
       switch (field.element_id) {
         case kElementRevision: ReadNumber(field, revision); break;
-        case kElementMetadataId: ReadNumber(field, entry.id); break;
-        case kElementMetadataKey: entry.key = FieldText(field); break;
-        case kElementMetadataValue: entry.value = FieldText(field); break;
+        case kElementMetadataId: ReadNumber(field, id); break;
+        case kElementMetadataKey: key = &field; break;
+        case kElementMetadataValue: value = &field; break;
         default: break;
       }
     }
-    if (entry.key.empty()) continue;
+    if (key == nullptr || key->length == 0) continue;
+    std::string key_text = FieldText(*key);
+    std::string value_text = value != nullptr ? FieldText(*value) : std::string();
+    // One value per key of a definition: a repeat changes nothing, a later
+    // value replaces the earlier one in its place, so labels keep their order.
+    MetadataPairs& pairs = metadata_definitions_[id];
+    auto pair = std::find_if(pairs.begin(), pairs.end(),
+                             [&](const auto& p) { return p.first == key_text; });
+    if (pair != pairs.end() && pair->second == value_text) continue;
     DTL_LOG_DEBUG("[IPFIX session] Session %s: metadata def ID %lu: %s=%s (revision %u)",
-                  display_name_.c_str(), static_cast<unsigned long>(entry.id), entry.key.c_str(),
-                  entry.value.c_str(), revision);
-    entries.push_back(std::move(entry));
+                  display_name_.c_str(), static_cast<unsigned long>(id), key_text.c_str(),
+                  value_text.c_str(), revision);
+    if (pair != pairs.end())
+      pair->second = std::move(value_text);
+    else
+      pairs.emplace_back(std::move(key_text), std::move(value_text));
+    changed = true;
   }
-  if (entries.empty()) return;
-
-  definition_revision_ = revision;
-  definition_messages_[sequence_number] = std::move(entries);
-  const auto previous = metadata_definitions_;
-  RebuildMetadataDefinitions();
-  if (previous == metadata_definitions_) return;
+  if (!changed) return;
 
   schema_dirty_ = true;
   UpdateMetadataComplete();
   NotifySchemaChange();
 }
 
-void IpfixSession::ProcessMetadataMappingRecords(const ParsedTemplate& tmpl, const uint8_t* body,
-                                                 size_t len, uint32_t sequence_number) {
-  if (metadata_complete_ || len == 0) return;
+IpfixSession::MappedCounts IpfixSession::MappedFieldCounts() const {
+  MappedCounts counts{};
+  for (size_t slot = 0; slot < kCounterTemplateSlots; ++slot) {
+    if (!counter_templates_[slot].present) continue;
+    for (const ParsedFieldSpecifier& field : counter_templates_[slot].tmpl.fields)
+      if (IsStoredCounter(field)) ++counts[slot];
+  }
+  return counts;
+}
 
-  std::vector<std::pair<uint16_t, uint64_t>> entries;
-  uint32_t revision = 0;
+size_t IpfixSession::MappedFieldCount(const MappedCounts& counts, uint16_t template_id) {
+  const size_t slot = static_cast<size_t>(template_id) - kFirstCounterTemplateId;
+  return template_id >= kFirstCounterTemplateId && slot < kCounterTemplateSlots ? counts[slot] : 0;
+}
+
+bool IpfixSession::MappingsWhole(const Mappings& mappings, const MappedCounts& fields) {
+  MappedCounts counts{};
+  for (const auto& [template_ref, metadata_id] : mappings) {
+    // Mappings of a template that is no longer a counter template do not count.
+    if (MappedFieldCount(fields, template_ref) != 0) ++counts[template_ref - kFirstCounterTemplateId];
+  }
+  return counts == fields && std::any_of(fields.begin(), fields.end(), [](size_t n) { return n != 0; });
+}
+
+IpfixSession::Mappings IpfixSession::MappingsInUse(const Mappings& mappings, const MappedCounts& fields) {
+  Mappings known;
+  known.reserve(mappings.size());
+  for (const auto& mapping : mappings)
+    if (MappedFieldCount(fields, mapping.first) != 0) known.push_back(mapping);
+  std::stable_sort(known.begin(), known.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  return known;
+}
+
+bool IpfixSession::StartsNewMappingBlock(const Mappings& set, const MappedCounts& fields) const {
+  if (mapping_assembly_.empty()) return false;
+  MappedCounts held{};
+  for (const auto& mapping : mapping_assembly_) ++held[mapping.first - kFirstCounterTemplateId];
+  const uint16_t last = mapping_assembly_.back().first;
+  bool first_run = true;
+  for (size_t i = 0; i < set.size();) {
+    const uint16_t template_ref = set[i].first;
+    size_t run = 0;
+    for (; i < set.size() && set[i].first == template_ref; ++i) ++run;
+    const size_t already = held[template_ref - kFirstCounterTemplateId];
+    // Only the set's first run may continue a run of the assembly: the last
+    // one, while it has room, and not after other descriptive records
+    // (those begin an announcement).
+    if (already != 0 && (!first_run || template_ref != last || descriptive_since_mappings_ ||
+                         already + run > MappedFieldCount(fields, template_ref)))
+      return true;
+    first_run = false;
+  }
+  return false;
+}
+
+void IpfixSession::ProcessMetadataMappingRecords(const ParsedTemplate& tmpl, const uint8_t* body,
+                                                 size_t len, uint32_t /*sequence_number*/) {
+  // The k-th mapping of a template describes its k-th counter, so mappings
+  // mean something only as a whole announcement: the sets of one gather in
+  // mapping_assembly_ and replace the mappings in use once they cover every
+  // counter of every counter template exactly.
+  const MappedCounts fields = MappedFieldCounts();
+  Mappings set;
   size_t offset = 0;
   while (NextRecord(tmpl, body, len, offset)) {
     uint16_t template_ref = 0;
     uint64_t metadata_id = 0;
     for (const RecordField& field : record_fields_) {
       switch (field.element_id) {
-        case kElementRevision: ReadNumber(field, revision); break;
         case kElementTemplateRef: ReadNumber(field, template_ref); break;
         case kElementMetadataId: ReadNumber(field, metadata_id); break;
         default: break;
       }
     }
-    // Kept even when elements are missing: the k-th mapping describes the
-    // k-th counter of its template.
-    entries.emplace_back(template_ref, metadata_id);
-    DTL_LOG_DEBUG(
-        "[IPFIX session] Session %s: metadata mapping template_ref=%u metadata_id=%lu (revision %u, "
-        "seq %u)",
-        display_name_.c_str(), static_cast<unsigned>(template_ref),
-        static_cast<unsigned long>(metadata_id), revision, sequence_number);
+    // Mappings of a template not (yet) known cannot be placed; the next
+    // announcement brings the template first.
+    if (MappedFieldCount(fields, template_ref) != 0) set.emplace_back(template_ref, metadata_id);
   }
-  if (entries.empty()) return;
+  if (set.empty()) return;
 
-  mapping_revision_ = revision;
-  mapping_messages_[sequence_number] = std::move(entries);
-  const auto previous = metadata_mappings_;
-  RebuildMetadataMappings();
-  if (previous == metadata_mappings_) return;
+  if (StartsNewMappingBlock(set, fields)) mapping_assembly_.clear();
+  descriptive_since_mappings_ = false;
+  mapping_assembly_.insert(mapping_assembly_.end(), set.begin(), set.end());
+  if (!MappingsWhole(mapping_assembly_, fields)) return;
 
+  // Exporters that repeat one template's mappings at a time complete the
+  // same mappings in another template order: that is no change.
+  Mappings whole = MappingsInUse(mapping_assembly_, fields);
+  mapping_assembly_.clear();
+  if (whole == MappingsInUse(metadata_mappings_, fields)) return;
+  metadata_mappings_ = std::move(whole);
+  DTL_LOG_DEBUG("[IPFIX session] Session %s: metadata mappings replaced: %zu entries",
+                display_name_.c_str(), metadata_mappings_.size());
   schema_dirty_ = true;
   UpdateMetadataComplete();
   NotifySchemaChange();
 }
 
-void IpfixSession::RebuildMetadataDefinitions() {
-  metadata_definitions_.clear();
-  for (const auto& [sequence, entries] : definition_messages_) {
-    for (const PendingDefinitionEntry& entry : entries)
-      metadata_definitions_[entry.id].emplace_back(entry.key, entry.value);
-  }
-  DTL_LOG_DEBUG("[IPFIX session] Session %s: rebuilt metadata definitions: %zu entries from %zu messages",
-                display_name_.c_str(), metadata_definitions_.size(), definition_messages_.size());
-}
-
-void IpfixSession::RebuildMetadataMappings() {
-  metadata_mappings_.clear();
-  for (const auto& [sequence, entries] : mapping_messages_)
-    metadata_mappings_.insert(metadata_mappings_.end(), entries.begin(), entries.end());
-  DTL_LOG_DEBUG("[IPFIX session] Session %s: rebuilt metadata mappings: %zu entries from %zu messages",
-                display_name_.c_str(), metadata_mappings_.size(), mapping_messages_.size());
-}
-
 void IpfixSession::UpdateMetadataComplete() {
   metadata_complete_ = false;
-  if (expected_fields_ == 0 || metadata_mappings_.size() < expected_fields_) return;
-  for (const auto& mapping : metadata_mappings_) {
-    if (metadata_definitions_.count(mapping.second) == 0) return;
+  const MappedCounts fields = MappedFieldCounts();
+  if (!MappingsWhole(metadata_mappings_, fields)) return;
+  for (const auto& [template_ref, metadata_id] : metadata_mappings_) {
+    if (MappedFieldCount(fields, template_ref) != 0 && metadata_definitions_.count(metadata_id) == 0)
+      return;
   }
   metadata_complete_ = true;
 }
@@ -211,20 +279,25 @@ void IpfixSession::NotifySchemaChange() {
   }
   if (!schema_dirty_) return;
   if (!IsComplete()) {
-    DTL_LOG_INFO(
-        "[IPFIX session] NotifySchemaChange: session=%s NOT complete (switch='%s' names=%zu "
-        "meta_complete=%d expected_fields=%zu mappings=%zu definitions=%zu)",
-        display_name_.c_str(), switch_name_.c_str(), counter_names_.size(),
-        metadata_complete_ ? 1 : 0, static_cast<size_t>(expected_fields_), metadata_mappings_.size(),
-        metadata_definitions_.size());
+    // Said once at info level until the session is complete: an announcement
+    // spread over many datagrams would say it for each of them.
+    DTL_LOG(incomplete_reported_ ? DTL_LOG_LEVEL_DEBUG : DTL_LOG_LEVEL_INFO,
+            "[IPFIX session] NotifySchemaChange: session=%s NOT complete (switch='%s' names=%zu "
+            "meta_complete=%d expected_fields=%zu mappings=%zu definitions=%zu)",
+            display_name_.c_str(), switch_name_.c_str(), counter_names_.size(),
+            metadata_complete_ ? 1 : 0, static_cast<size_t>(expected_fields_),
+            metadata_mappings_.size(), metadata_definitions_.size());
+    incomplete_reported_ = true;
     return;
   }
+  incomplete_reported_ = false;
   const SchemaSnapshot snapshot = GetSchemaSnapshot();
   DTL_LOG_INFO(
       "[IPFIX session] NotifySchemaChange: session=%s COMPLETE -> ProcessSchemaUpdate (flat_fields=%zu "
       "switch='%s')",
       display_name_.c_str(), snapshot.flat_fields.size(), switch_name_.c_str());
   DropPendingSample();
+  parked_.active = false;
   uint32_t domain = 0;
   if (key_.size() >= 6) std::memcpy(&domain, key_.data() + 2, sizeof(domain));
   sink_->ProcessSchemaUpdate(worker_id_, key_, display_name_, domain, snapshot);
@@ -242,7 +315,7 @@ SchemaSnapshot IpfixSession::GetSchemaSnapshot() const {
   }
   snapshot.counter_names = counter_names_;
   snapshot.metadata_definitions = metadata_definitions_;
-  snapshot.metadata_mappings = metadata_mappings_;
+  snapshot.metadata_mappings = MappingsInUse(metadata_mappings_, MappedFieldCounts());
 
   for (size_t i = 0; i < kCounterTemplateSlots; ++i) {
     if (!counter_templates_[i].present) continue;
@@ -250,14 +323,12 @@ SchemaSnapshot IpfixSession::GetSchemaSnapshot() const {
     // Only fields that become a stored value are described: the sample time
     // goes to the block header, and a variable-length field is no counter
     // (extraction skips it), so the flat list matches the block exactly.
-    std::erase_if(copy.fields, [](const ParsedFieldSpecifier& f) {
-      return f.element_id == 1 || f.element_id == 2 || f.length == kVariableLength;
-    });
+    std::erase_if(copy.fields, [](const ParsedFieldSpecifier& f) { return !IsStoredCounter(f); });
     snapshot.counter_templates.emplace(static_cast<uint16_t>(kFirstCounterTemplateId + i), std::move(copy));
   }
 
   std::map<uint16_t, std::vector<uint64_t>> ids_by_template;
-  for (const auto& [template_ref, metadata_id] : metadata_mappings_)
+  for (const auto& [template_ref, metadata_id] : snapshot.metadata_mappings)
     ids_by_template[template_ref].push_back(metadata_id);
 
   for (const auto& [template_id, tmpl] : snapshot.counter_templates) {

@@ -162,113 +162,338 @@ size_t IpfixSession::ExtractFieldByField(size_t slot, const uint8_t* data, size_
   return written;
 }
 
-void IpfixSession::ProcessCounterDataRecords(uint16_t set_id, const ParsedTemplate& /*tmpl*/,
-                                             const uint8_t* body, size_t len, uint32_t /*export_time*/,
-                                             uint32_t sequence_number) {
-  // Samples that arrive before the schema is published have nowhere to go.
-  if (!HasActiveSink() || !IsComplete()) return;
+// How a sample is put together. The exporter splits each sample over the
+// records of its counter templates (300, 301, ...); only template 300 carries
+// the sample's time, and each template appears once per sample. A fragment
+// is placed by its template, so the order in which a sample's fragments
+// arrive does not matter: one that arrives before its sample's first record
+// waits in a stash.
+//
+// Counting templates alone would let a later sample's fragment complete a
+// sample whose own fragment was lost (when the later sample's first record
+// was lost too). Sequence numbers are the evidence against that. Once the
+// session has learnt how its exporter numbers (per data record, per message,
+// or not at all), a sample is checked: a fragment joins it only when every
+// record number from the sample's first record up to the fragment's has
+// been seen. A fragment behind a gap waits in the stash: the gap may be a
+// reordered record that fills it a moment later (then the fragment joins),
+// or a loss (then it is left for the sample it belongs to, or dropped).
+//
+// While the numbering is not known, or when it says nothing (a constant),
+// nothing tells an early fragment of the next sample from a leftover of one
+// whose first record was lost: fragments are then taken only while their
+// sample is open, a template seen twice ends the sample, and a lost last
+// fragment followed by a lost first record of the next sample in the same
+// slots cannot be told from a whole sample.
+std::optional<uint32_t> IpfixSession::NumberRecord() {
+  const std::optional<uint32_t> number = sequence_.NextRecord();
+  if (!number) return number;
+  history_.Note(*number);
+  // Waiting fragments join only after this record itself was placed: it
+  // may be the sample's own fragment for their slot.
+  if (sample_pending_ && span_checked_ && span_known_)
+    while (history_.Seen(contiguous_ + 1)) ++contiguous_;
+  return number;
+}
 
-  const size_t slot = static_cast<size_t>(set_id) - kFirstCounterTemplateId;
-  if (set_id < kFirstCounterTemplateId || slot >= kCounterTemplateSlots || !plan_valid_[slot]) {
-    DTL_LOG_DEBUG("[IPFIX session] Session %s: no extraction plan for template %u", display_name_.c_str(),
-                  static_cast<unsigned>(set_id));
-    return;
+void IpfixSession::NumberDescriptiveRecords(const ParsedTemplate& tmpl, const uint8_t* body, size_t len) {
+  size_t offset = 0;
+  while (offset < len) {
+    const size_t before = offset;
+    if (!ReadRecord(tmpl, body, len, offset) || offset == before) break;
+    NumberRecord();
   }
-  if (fragment_count_ == 0) return;
-
-  if (set_id != kFirstCounterTemplateId) {
-    if (!sample_pending_ || pending_slot_ == nullptr) {
-      DTL_LOG_DEBUG("[IPFIX session] Session %s: got template %u with no pending sample, discarding",
-                    display_name_.c_str(), static_cast<unsigned>(set_id));
-      return;
-    }
-    // Counting alone would let a late or reordered fragment of the next
-    // sample complete this one with foreign values; a template seen twice
-    // means the sample cannot be trusted.
-    // The fragments of one sample are consecutive data records. A message
-    // whose sequence number skips records means fragments were lost, and a
-    // continuation of the next sample (whose opening fragment was lost too)
-    // could otherwise complete this one. Exporters that leave the sequence
-    // number constant simply never trip this check.
-    if (sequence_number != pending_message_sequence_) {
-      if (sequence_number != pending_message_sequence_ + pending_message_records_) {
-        DTL_LOG_DEBUG("[IPFIX session] Session %s: sequence gap before template %u (expected %u, got %u), "
-                      "discarding the sample",
-                      display_name_.c_str(), static_cast<unsigned>(set_id),
-                      static_cast<unsigned>(pending_message_sequence_ + pending_message_records_),
-                      static_cast<unsigned>(sequence_number));
-        DropPendingSample();
-        return;
-      }
-      pending_message_sequence_ = sequence_number;
-      pending_message_records_ = 0;
-    }
-    ++pending_message_records_;
-    const uint32_t bit = 1u << slot;
-    if ((received_slots_ & bit) != 0) {
-      DTL_LOG_DEBUG("[IPFIX session] Session %s: template %u twice in one sample, discarding the sample",
-                    display_name_.c_str(), static_cast<unsigned>(set_id));
-      DropPendingSample();
-      return;
-    }
-    received_slots_ |= bit;
-    ExtractCounterValues(slot, body, len, pending_slot_ + value_offsets_[slot], plans_[slot].counter_bytes,
-                         nullptr, nullptr);
-    ++received_fragments_;
-  } else {
-    if (sample_pending_ && received_fragments_ != expected_fragments_) {
-      DTL_LOG_DEBUG("[IPFIX session] Session %s: discarding incomplete sample (%zu/%zu fragments)",
-                    display_name_.c_str(), static_cast<size_t>(received_fragments_),
-                    static_cast<size_t>(expected_fragments_));
-    }
-    // The sink is not told: its next slot request hands out the same block.
-    DropPendingSample();
-
-    const ExtractionPlan& plan = plans_[0];
-    uint32_t seconds = 0;
-    uint32_t nanoseconds = 0;
-    if (plan.has_variable_length) {
-      ExtractFieldByField(0, body, len, nullptr, 0, &seconds, &nanoseconds);
-    } else {
-      if (plan.has_seconds && len >= plan.seconds_offset + 4u) seconds = LoadBe32(body + plan.seconds_offset);
-      if (plan.has_nanoseconds && len >= plan.nanoseconds_offset + 4u)
-        nanoseconds = LoadBe32(body + plan.nanoseconds_offset);
-    }
-
-    uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, seconds, nanoseconds, total_value_bytes_);
-    if (values == nullptr) return;
-
-    sample_seconds_ = seconds;
-    sample_nanoseconds_ = nanoseconds;
-    expected_fragments_ = fragment_count_;
-    sample_pending_ = true;
-    pending_slot_ = values;
-    ExtractCounterValues(0, body, len, values + value_offsets_[0], plan.counter_bytes, nullptr, nullptr);
-    received_fragments_ = 1;
-    received_slots_ = 1;
-    pending_message_sequence_ = sequence_number;
-    pending_message_records_ = 1;
-  }
-
-  if (sample_pending_ && received_fragments_ == expected_fragments_) {
-    sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
-    ++records_written_;
-    if (records_written_ % records_written_log_interval_ == 1) {
-      DTL_LOG_INFO("[IPFIX session] ProcessCounterDataRecords: session=%s records_written=%llu",
-                   display_name_.c_str(), static_cast<unsigned long long>(records_written_));
-    }
-    DropPendingSample();
+  // A descriptive record that filled a gap lets waiting fragments join.
+  if (stashed_slots_ != 0) {
+    AbsorbStash();
+    CompleteIfWhole();
   }
 }
 
-void IpfixSession::DropPendingSample() {
-  sample_seconds_ = 0;
-  sample_nanoseconds_ = 0;
-  expected_fragments_ = 0;
-  received_fragments_ = 0;
+void IpfixSession::ProcessCounterSet(size_t slot, const uint8_t* body, size_t len) {
+  const ExtractionPlan& plan = plans_[slot];
+  // Samples that arrive before the schema is published have nowhere to go,
+  // but their records still count for the numbering.
+  const bool store = HasActiveSink() && IsComplete() && fragment_count_ != 0 && plan_valid_[slot];
+  size_t offset = 0;
+  bool first = true;
+  while (offset < len) {
+    size_t record_length = 0;
+    if (plan.has_variable_length) {
+      size_t end = offset;
+      if (ReadRecord(counter_templates_[slot].tmpl, body, len, end) && end > offset)
+        record_length = end - offset;
+      else if (first)
+        record_length = len - offset;
+    } else if (plan.record_size != 0) {
+      record_length = plan.record_size <= len - offset ? plan.record_size : first ? len - offset : 0;
+    }
+    // What is left after whole records is the set's padding.
+    if (record_length == 0) break;
+    const std::optional<uint32_t> number = NumberRecord();
+    if (store) AcceptFragment(slot, body + offset, record_length, number);
+    if (number) {
+      last_number_[slot] = *number;
+      numbered_slots_ |= 1u << slot;
+    }
+    offset += record_length;
+    first = false;
+  }
+}
+
+void IpfixSession::AcceptFragment(size_t slot, const uint8_t* record, size_t len,
+                                  std::optional<uint32_t> number) {
+  if (slot == 0) {
+    if (OpenSample(record, len, number)) CompleteIfWhole();
+    return;
+  }
+  const uint32_t bit = 1u << slot;
+  if (sample_pending_ && span_checked_) {
+    if ((received_slots_ & bit) == 0 && number && Joinable(slot, *number)) {
+      AddToSample(slot, record, len, number);
+      AbsorbStash();
+      CompleteIfWhole();
+    } else {
+      Stash(slot, record, len, number);
+    }
+    return;
+  }
+  if (sample_pending_ && (received_slots_ & bit) == 0) {
+    AddToSample(slot, record, len, number);
+    CompleteIfWhole();
+    return;
+  }
+  if (sample_pending_) {
+    DTL_LOG_DEBUG("[IPFIX session] Session %s: template %u again before the sample was complete, "
+                  "discarding the sample",
+                  display_name_.c_str(), static_cast<unsigned>(kFirstCounterTemplateId + slot));
+    DropPendingSample();
+  }
+  // With numbers that can place it, a fragment waits for its sample.
+  if (sequence_.informative()) Stash(slot, record, len, number);
+}
+
+bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<uint32_t> number) {
+  // The first record of an older sample, late behind a newer one: the newer
+  // one steps aside until the older one is complete or given up, so that
+  // blocks stay in time order and neither is lost to the reordering.
+  const bool older = sample_pending_ && span_checked_ && span_known_ && number && !parked_.active &&
+                     static_cast<int32_t>(*number - span_low_) < 0;
+  if (older) {
+    Park();
+  } else if (sample_pending_ && parked_.active) {
+    DropPendingSample();
+    Unpark();
+  }
+  if (sample_pending_) {
+    DTL_LOG_DEBUG("[IPFIX session] Session %s: discarding incomplete sample (%d of %d fragments)",
+                  display_name_.c_str(), __builtin_popcount(received_slots_),
+                  __builtin_popcount(expected_slots_));
+    // The sink is not told: its next slot request hands out the same block.
+    DropPendingSample();
+  }
+  const ExtractionPlan& plan = plans_[0];
+  // A template without time fields gives time 0; a record cut before the
+  // time its template announces opens nothing (it would read as time 0).
+  constexpr uint32_t kUnread = UINT32_MAX;
+  uint32_t seconds = kUnread;
+  uint32_t nanoseconds = 0;
+  if (plan.has_variable_length) {
+    ExtractFieldByField(0, record, len, nullptr, 0, &seconds, &nanoseconds);
+  } else if (plan.has_seconds && len >= plan.seconds_offset + 4u) {
+    seconds = LoadBe32(record + plan.seconds_offset);
+    if (plan.has_nanoseconds && len >= plan.nanoseconds_offset + 4u)
+      nanoseconds = LoadBe32(record + plan.nanoseconds_offset);
+  }
+  const bool timed = !plan.has_seconds || seconds != kUnread;
+  if (!plan.has_seconds) seconds = 0;
+  if (!timed) {
+    DTL_LOG_DEBUG("[IPFIX session] Session %s: first record of a sample without its time, discarding it",
+                  display_name_.c_str());
+    return false;
+  }
+
+  uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, seconds, nanoseconds, total_value_bytes_);
+  if (values == nullptr) {
+    Unpark();
+    return false;
+  }
+  pending_seconds_ = seconds;
+  pending_nanoseconds_ = nanoseconds;
+  sample_pending_ = true;
+  pending_slot_ = values;
   received_slots_ = 0;
-  pending_message_sequence_ = 0;
-  pending_message_records_ = 0;
+  expected_slots_ = 0;
+  for (size_t slot = 0; slot < kCounterTemplateSlots; ++slot)
+    if (plan_valid_[slot]) expected_slots_ |= 1u << slot;
+  span_checked_ = sequence_.informative();
+  span_known_ = number.has_value();
+  if (number) span_low_ = span_high_ = contiguous_ = *number;
+  AddToSample(0, record, len, number);
+
+  if (span_checked_) {
+    // Records after this one may have come first (reordered).
+    while (span_known_ && history_.Seen(contiguous_ + 1)) ++contiguous_;
+    AbsorbStash();
+  } else {
+    ClearStash();
+  }
+  return sample_pending_;
+}
+
+void IpfixSession::ClearStash() {
+  for (size_t slot = 1; slot < kCounterTemplateSlots && stashed_slots_ != 0; ++slot) {
+    stash_[slot].present = false;
+    stashed_slots_ &= ~(1u << slot);
+  }
+}
+
+// Whether a fragment numbered number can join the pending sample: sent
+// after its first record (records of one message share a message number,
+// and a message keeps the order the exporter wrote), no fragment of the same
+// template seen in between, and the records in between all seen. With
+// record numbers one record in between may be missing: a foreign fragment
+// needs the sample's own fragment and the next sample's first record lost,
+// two numbers. A message number may stand for several records: none may
+// be missing there.
+bool IpfixSession::Joinable(size_t slot, uint32_t number) const {
+  if (!span_known_) return false;
+  const bool per_message = sequence_.numbering() == SequenceTracker::Numbering::kPerMessage;
+  if (static_cast<int32_t>(number - span_low_) < (per_message ? 0 : 1)) return false;
+  if (SeenOwnBefore(slot, number)) return false;
+  if (static_cast<int32_t>(number - contiguous_) <= 0) return true;
+  const uint32_t allowed = per_message ? 0 : 1;
+  uint32_t missing = 0;
+  for (uint32_t n = contiguous_ + 1; n != number; ++n) {
+    if (n - contiguous_ > RecordHistory::kSize) return false;
+    if (!history_.Seen(n) && ++missing > allowed) return false;
+  }
+  return true;
+}
+
+// Whether a fragment of template slot, numbered after this sample's first
+// record and before number, was seen already: then that one was the
+// sample's own (even if it could not join), and a later one is not.
+bool IpfixSession::SeenOwnBefore(size_t slot, uint32_t number) const {
+  if ((numbered_slots_ & (1u << slot)) == 0) return false;
+  const uint32_t last = last_number_[slot];
+  return static_cast<int32_t>(last - span_low_) > 0 && static_cast<int32_t>(last - number) < 0;
+}
+
+void IpfixSession::AbsorbStash() {
+  if (!sample_pending_ || !span_checked_ || !span_known_) return;
+  for (size_t slot = 1; slot < kCounterTemplateSlots && stashed_slots_ != 0; ++slot) {
+    const uint32_t bit = 1u << slot;
+    if ((stashed_slots_ & bit) == 0) continue;
+    StashedFragment& entry = stash_[slot];
+    const int32_t after_first = entry.number ? static_cast<int32_t>(*entry.number - span_low_) : 0;
+    if (!entry.number || after_first < -static_cast<int32_t>(RecordHistory::kSize)) {
+      // Far older than this sample: its own sample is gone.
+      entry.present = false;
+      stashed_slots_ &= ~bit;
+      continue;
+    }
+    // Sent before this sample's first record (it may be for a sample whose
+    // first record is late), behind a gap, or after this sample's own.
+    // A stashed fragment with the first record's own message number came
+    // before that record in the message: an earlier sample's.
+    if (after_first <= 0 || (received_slots_ & bit) != 0 || !Joinable(slot, *entry.number)) continue;
+    AddToSample(slot, entry.bytes.data(), entry.bytes.size(), entry.number);
+    entry.present = false;
+    stashed_slots_ &= ~bit;
+  }
+}
+
+void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
+  if (!number) {
+    span_known_ = false;
+  } else if (span_known_) {
+    if (static_cast<int32_t>(*number - span_high_) > 0) span_high_ = *number;
+  }
+  received_slots_ |= 1u << slot;
+  const uint64_t bytes = plans_[slot].counter_bytes;
+  uint8_t* dest = pending_slot_ + value_offsets_[slot];
+  const size_t written = ExtractCounterValues(slot, record, len, dest, bytes, nullptr, nullptr);
+  // A value the record did not carry is 0, never what the slot held before.
+  if (written < bytes) std::memset(dest + written, 0, bytes - written);
+}
+
+void IpfixSession::Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
+  StashedFragment& entry = stash_[slot];
+  entry.present = true;
+  entry.number = number;
+  entry.bytes.assign(record, record + len);
+  stashed_slots_ |= 1u << slot;
+}
+
+void IpfixSession::CompleteIfWhole() {
+  if (!sample_pending_ || received_slots_ != expected_slots_) return;
+  if (span_checked_ && !span_known_) {
+    DTL_LOG_DEBUG("[IPFIX session] Session %s: a fragment of the sample could not be numbered, discarding it",
+                  display_name_.c_str());
+    DropPendingSample();
+    return;
+  }
+  Commit();
+}
+
+void IpfixSession::Commit() {
+  sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
+  ++records_written_;
+  if (records_written_ % records_written_log_interval_ == 1) {
+    DTL_LOG_INFO("[IPFIX session] ProcessCounterDataRecords: session=%s records_written=%llu",
+                 display_name_.c_str(), static_cast<unsigned long long>(records_written_));
+  }
+  DropPendingSample();
+  Unpark();
+}
+
+void IpfixSession::Park() {
+  parked_.active = true;
+  parked_.seconds = pending_seconds_;
+  parked_.nanoseconds = pending_nanoseconds_;
+  parked_.received_slots = received_slots_;
+  parked_.expected_slots = expected_slots_;
+  parked_.span_low = span_low_;
+  parked_.span_high = span_high_;
+  parked_.contiguous = contiguous_;
+  parked_.span_known = span_known_;
+  parked_.values.assign(pending_slot_, pending_slot_ + total_value_bytes_);
+  // The sink's block is taken over by the older sample.
+  sample_pending_ = false;
+  pending_slot_ = nullptr;
+}
+
+void IpfixSession::Unpark() {
+  if (!parked_.active) return;
+  parked_.active = false;
+  if (sample_pending_ || parked_.values.size() != total_value_bytes_) return;
+  uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, parked_.seconds, parked_.nanoseconds,
+                                                  total_value_bytes_);
+  if (values == nullptr) return;
+  std::memcpy(values, parked_.values.data(), parked_.values.size());
+  pending_slot_ = values;
+  pending_seconds_ = parked_.seconds;
+  pending_nanoseconds_ = parked_.nanoseconds;
+  sample_pending_ = true;
+  span_checked_ = true;
+  received_slots_ = parked_.received_slots;
+  expected_slots_ = parked_.expected_slots;
+  span_low_ = parked_.span_low;
+  span_high_ = parked_.span_high;
+  contiguous_ = parked_.contiguous;
+  span_known_ = parked_.span_known;
+  while (span_known_ && history_.Seen(contiguous_ + 1)) ++contiguous_;
+  // Its fragments that came meanwhile wait in the stash.
+  AbsorbStash();
+  CompleteIfWhole();
+}
+
+void IpfixSession::DropPendingSample() {
+  received_slots_ = 0;
+  expected_slots_ = 0;
+  span_known_ = false;
+  span_checked_ = false;
   sample_pending_ = false;
   pending_slot_ = nullptr;
 }

@@ -53,6 +53,14 @@ std::vector<ParsedTemplate> MessageParser::ParseTemplateSet(const uint8_t* body,
     tmpl.template_id = ReadU16(body + record);
     const uint16_t field_count = ReadU16(body + record + 2);
     size_t cursor = record + 4;
+    // The count comes from the network: a specifier takes at least 4 bytes,
+    // so a count the set cannot hold is refused before anything is reserved.
+    const size_t room = len - cursor;
+    if (size_t{field_count} * 4 > room) {
+      DTL_LOG_ERROR("[IPFIX parser] Template %u: %u field specifiers claimed, room for %zu",
+                    tmpl.template_id, static_cast<unsigned>(field_count), room / 4);
+      return result;
+    }
     tmpl.fields.reserve(field_count);
     for (unsigned i = 0; i < field_count; ++i) {
       if (cursor + 4 > len) {

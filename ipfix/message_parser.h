@@ -50,7 +50,9 @@ class MessageParser {
   static ParsedHeader ParseHeader(const uint8_t* data, size_t len);
 
   // body/len: a template set's content after its set header. Templates
-  // before a truncated one are returned; nothing after it is read.
+  // before a truncated one are returned; nothing after it is read. A
+  // template claiming more field specifiers than the rest of the set can
+  // hold counts as truncated.
   static std::vector<ParsedTemplate> ParseTemplateSet(const uint8_t* body, size_t len);
 };
 

@@ -8,6 +8,7 @@
 #include <sys/mount.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <boost/filesystem.hpp>
 #include <cstring>
@@ -125,6 +126,47 @@ TEST(SanitizePathComponentTest, ConfinesHostileNamesToOneComponent) {
   EXPECT_EQ(SanitizePathComponent(""), "_");
   EXPECT_EQ(SanitizePathComponent("."), "_");
   EXPECT_EQ(SanitizePathComponent(".."), "__");
+}
+
+// A switch name longer than a file name may be must still give a directory
+// that can be created, and distinct long names distinct directories.
+TEST(SanitizePathComponentTest, LongNamesAreShortenedAndStayDistinct) {
+  const std::string limit(dtl::ipfix::kMaxPathComponent, 'a');
+  EXPECT_EQ(SanitizePathComponent(limit), limit);
+
+  std::string accented;
+  while (accented.size() < 300) accented += "\xc3\xa9";  // é, two bytes each
+  const std::string base(290, 's');
+  const std::vector<std::string> names = {
+      limit + "a", std::string(300, 'x'), base + "-leaf1/a", base + "-leaf1/b", base + "-leaf1_a",
+      accented, accented + "x"};
+
+  const fs::path root = fs::temp_directory_path() / fs::unique_path("sanitize-%%%%%%%%");
+  ASSERT_TRUE(fs::create_directory(root));
+  std::vector<std::string> made;
+  for (const std::string& name : names) {
+    const std::string component = SanitizePathComponent(name);
+    SCOPED_TRACE(component);
+    EXPECT_LE(component.size(), dtl::ipfix::kMaxPathComponent);
+    EXPECT_EQ(component.find('/'), std::string::npos);
+    // The readable prefix and then '~' and 16 hex digits.
+    const size_t tilde = component.rfind('~');
+    ASSERT_NE(tilde, std::string::npos);
+    EXPECT_EQ(component.size() - tilde, 17u);
+    EXPECT_EQ(component.find_first_not_of("0123456789abcdef", tilde + 1), std::string::npos);
+    EXPECT_EQ(SanitizePathComponent(name.substr(0, tilde)), component.substr(0, tilde));
+    EXPECT_GE(tilde, dtl::ipfix::kMaxPathComponent - 17 - 3);
+    // Whole UTF-8 characters only: the prefix never ends inside one.
+    if (name.compare(0, accented.size(), accented) == 0) {
+      EXPECT_EQ(tilde % 2, 0u);
+    }
+    EXPECT_EQ(SanitizePathComponent(name), component) << "the same name always gives the same component";
+    EXPECT_TRUE(fs::create_directory(root / component));
+    made.push_back(component);
+  }
+  std::sort(made.begin(), made.end());
+  EXPECT_EQ(std::unique(made.begin(), made.end()), made.end());
+  fs::remove_all(root);
 }
 
 TEST_F(AsyncDataFileTest, DefaultsAndSetterRules) {

@@ -4,11 +4,29 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "dtl_logger.h"
 #include "tools/hft_sim/ipfix_message_builder.h"
+
+// The largest single allocation while tracking is on; operator new is
+// replaced for the whole test program so that the parser's allocations can
+// be measured (only the test's thread allocates while it tracks).
+namespace {
+bool tracking_allocations = false;
+size_t largest_allocation = 0;
+}  // namespace
+
+void* operator new(size_t size) {
+  if (tracking_allocations && size > largest_allocation) largest_allocation = size;
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -125,7 +143,47 @@ TEST_F(MessageParserTest, TruncatedSpecifierKeepsEarlierTemplates) {
   ASSERT_EQ(templates.size(), 1u);
   EXPECT_EQ(templates[0].template_id, 300);
   ASSERT_EQ(logged.size(), 1u);
-  EXPECT_EQ(logged[0], "3 [IPFIX parser] Template 301: truncated field specifier at index 2");
+  EXPECT_EQ(logged[0], "3 [IPFIX parser] Template 301: 3 field specifiers claimed, room for 2");
+
+  // Enough room for the claimed count, but an enterprise number eats it.
+  IpfixMessageBuilder e;
+  e.AddTemplate(302, {{1, 4, 7}});
+  std::vector<uint8_t> enterprise = e.bytes();
+  enterprise[3] = 2;  // claims a second specifier: 8 bytes would do without the number
+  logged.clear();
+  EXPECT_TRUE(MessageParser::ParseTemplateSet(enterprise.data(), enterprise.size()).empty());
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_EQ(logged[0], "3 [IPFIX parser] Template 302: truncated field specifier at index 1");
+}
+
+// The field count is the sender's claim: it must be checked against the
+// bytes before it sizes anything.
+TEST_F(MessageParserTest, ClaimedFieldCountBeyondTheBytesIsRefusedWithoutAllocating) {
+  struct Case {
+    uint16_t claimed;
+    size_t specifiers_present;
+    bool accepted;
+  } cases[] = {
+      {65535, 0, false}, {65535, 3, false}, {4, 3, false}, {3, 3, true}, {0, 0, true},
+  };
+  for (const Case& c : cases) {
+    IpfixMessageBuilder b;
+    b.PutU16(300);
+    b.PutU16(c.claimed);
+    for (size_t i = 0; i < c.specifiers_present; ++i) {
+      b.PutU16(static_cast<uint16_t>(100 + i));
+      b.PutU16(8);
+    }
+    logged.clear();
+    largest_allocation = 0;
+    tracking_allocations = true;
+    const auto templates = MessageParser::ParseTemplateSet(b.bytes().data(), b.size());
+    tracking_allocations = false;
+    EXPECT_EQ(templates.size(), c.accepted ? 1u : 0u) << c.claimed;
+    EXPECT_EQ(logged.size(), c.accepted ? 0u : 1u) << c.claimed;
+    // A few specifiers' worth, never the claimed count's (65535 x 12 bytes).
+    EXPECT_LE(largest_allocation, 1024u) << c.claimed;
+  }
 }
 
 TEST_F(MessageParserTest, TruncatedEnterpriseNumberIsReported) {

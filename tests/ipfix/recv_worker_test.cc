@@ -1,5 +1,5 @@
 // The worker's message path is driven directly (no thread) where the result
-// depends on exact datagrams and export times; the receive thread itself is
+// depends on exact datagrams and clock readings; the receive thread itself is
 // exercised through a real socket.
 #include "ipfix/ipfix_recv_worker.h"
 
@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ipfix/ipfix_receiver.h"
@@ -23,6 +25,7 @@ using recv_test::CountingSink;
 using recv_test::LogCapture;
 
 constexpr const char* kOptionsLine = "skipping options template set";
+constexpr uint64_t kSecond = 1000000000;
 
 sockaddr_in6 From(uint16_t port) {
   sockaddr_in6 from{};
@@ -51,6 +54,10 @@ class IpfixRecvWorkerTest : public testing::Test {
 
   void Feed(IpfixRecvWorker& worker, const std::vector<uint8_t>& bytes, uint16_t port = 5000) {
     worker.ProcessMessage(bytes.data(), bytes.size(), From(port));
+  }
+  // At a given reading of the collector's clock.
+  void FeedAt(IpfixRecvWorker& worker, const std::vector<uint8_t>& bytes, uint16_t port, uint64_t now_ns) {
+    worker.ProcessMessage(bytes.data(), bytes.size(), From(port), now_ns);
   }
 
   LogCapture log_;
@@ -138,16 +145,17 @@ TEST_F(IpfixRecvWorkerTest, TemplateAndDataSetsReachTheSession) {
 TEST_F(IpfixRecvWorkerTest, FullTableRefusesUntilOldestIsStale) {
   config_.max_sessions = 1;
   IpfixRecvWorker worker(0, config_, &sink_);
-  Feed(worker, OptionsMessage(1000, 1), 5000);
-  Feed(worker, OptionsMessage(1005, 1), 5000);  // refreshes the first session
-  Feed(worker, OptionsMessage(1015, 2), 5001);  // inactive 10 s: not more than the timeout
-  EXPECT_EQ(LogCapture::Count(
-                "3 [IPFIX recv worker] [w=0] cannot create session for domain 2 (max sessions reached)"),
+  // Export times run against the collector's clock: only the latter counts.
+  FeedAt(worker, OptionsMessage(900, 1), 5000, 1000 * kSecond);
+  FeedAt(worker, OptionsMessage(800, 1), 5000, 1005 * kSecond);  // refreshes the first session
+  FeedAt(worker, OptionsMessage(700, 2), 5001, 1015 * kSecond);  // silent 10 s: not more than the timeout
+  EXPECT_EQ(LogCapture::Count("3 [IPFIX recv worker] [w=0] cannot create session for domain 2 (max "
+                              "sessions reached, count=1)"),
             1u);
   EXPECT_TRUE(sink_.removed().empty());
   EXPECT_EQ(worker.GetStats().parsed, 3u);
 
-  Feed(worker, OptionsMessage(1016, 2), 5001);
+  FeedAt(worker, OptionsMessage(600, 2), 5001, 1016 * kSecond + 1);
   EXPECT_EQ(LogCapture::Count("reaping stale session 127.0.0.1:5000/domain_1 (inactive 11 sec)"), 1u);
   const std::string first_key = IpfixReceiver::MakeSessionKey(From(5000), 1).ToKeyString();
   ASSERT_EQ(sink_.removed().size(), 1u);
@@ -156,18 +164,84 @@ TEST_F(IpfixRecvWorkerTest, FullTableRefusesUntilOldestIsStale) {
   EXPECT_EQ(worker.GetStats().sessions, 1u);
 }
 
-TEST_F(IpfixRecvWorkerTest, ZeroOrFutureExportTimeIsNeverStale) {
+// Whatever export times exporters send, a session lives exactly as long as
+// datagrams keep arriving for it.
+TEST_F(IpfixRecvWorkerTest, ExportTimesNeitherReapNorKeepSessions) {
   config_.max_sessions = 1;
-  const std::pair<uint32_t, uint32_t> cases[] = {{0, 100000}, {2000, 1000}};
-  for (const auto& [first, second] : cases) {
+  struct Case {
+    const char* what;
+    uint32_t live_export_time;   // of the session's own datagram
+    uint32_t other_export_time;  // of another exporter's datagram
+    uint64_t silence;            // on the collector's clock before the other one
+    bool reaped;
+  } cases[] = {
+      {"far-future stray", 1000, 0xFFFFFFFF, kSecond, false},
+      {"far-past stray", 1000, 1, kSecond, false},
+      {"zero stray", 1000, 0, kSecond, false},
+      {"stray at the timeout", 1000, 0xFFFFFFFF, 10 * kSecond, false},
+      {"own far-future time, silent", 0xFFFFFFFF, 0, 10 * kSecond + 1, true},
+      {"own zero time, silent", 0, 0, 10 * kSecond + 1, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
     LogCapture::Clear();
-    IpfixRecvWorker worker(0, config_, &sink_);
-    Feed(worker, OptionsMessage(first, 1), 5000);
-    Feed(worker, OptionsMessage(second, 2), 5001);
-    EXPECT_EQ(LogCapture::Count("max sessions reached"), 1u) << first;
-    EXPECT_EQ(LogCapture::Count("reaping"), 0u) << first;
+    CountingSink sink;
+    IpfixRecvWorker worker(0, config_, &sink);
+    const uint64_t t0 = 50 * kSecond;
+    FeedAt(worker, OptionsMessage(c.live_export_time, 1), 5000, t0);
+    FeedAt(worker, OptionsMessage(c.other_export_time, 7), 6000, t0 + c.silence);
+    EXPECT_EQ(LogCapture::Count("reaping"), c.reaped ? 1u : 0u);
+    EXPECT_EQ(sink.removed().size(), c.reaped ? 1u : 0u);
+    EXPECT_EQ(LogCapture::Count("max sessions reached"), c.reaped ? 0u : 1u);
+    EXPECT_EQ(worker.GetStats().sessions, 1u);
   }
+}
+
+// The receive thread stamps datagrams with the real clock: a session silent
+// for longer than the timeout goes when another exporter arrives, and not
+// before.
+TEST_F(IpfixRecvWorkerTest, SilentSessionIsReapedByTheReceiveThread) {
+  config_.port = recv_test::FreeUdpPort();
+  config_.max_sessions = 1;
+  config_.session_timeout_sec = 1;
+  IpfixRecvWorker worker(0, config_, &sink_);
+  ASSERT_TRUE(worker.OpenSocket());
+  worker.Start();
+  recv_test::UdpSender first, second;
+  ASSERT_TRUE(first.ok() && second.ok());
+
+  ASSERT_TRUE(first.Send(config_.port, OptionsMessage(100, 1)));
+  ASSERT_TRUE(recv_test::WaitFor([&] { return worker.GetStats().sessions == 1; }));
+  // The first session's last datagram was stamped no later than this.
+  const uint64_t seen_by = IpfixRecvWorker::MonotonicNowNs();
+  ASSERT_TRUE(second.Send(config_.port, OptionsMessage(0xFFFFFFFF, 2)));
+  ASSERT_TRUE(recv_test::WaitFor([] { return LogCapture::Count("max sessions reached") == 1; }));
   EXPECT_TRUE(sink_.removed().empty());
+
+  // Only the clock is waited for here.
+  while (IpfixRecvWorker::MonotonicNowNs() - seen_by <= kSecond)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(second.Send(config_.port, OptionsMessage(0, 2)));
+  EXPECT_TRUE(recv_test::WaitFor([] { return LogCapture::Count("created session") == 2; }));
+  worker.Stop();
+  EXPECT_EQ(LogCapture::Count("reaping stale session 127.0.0.1:"), 1u);
+  ASSERT_EQ(sink_.removed().size(), 1u);
+  EXPECT_EQ(sink_.removed()[0].second,
+            IpfixReceiver::MakeSessionKey(first.SeenAs(), 1).ToKeyString());
+}
+
+TEST_F(IpfixRecvWorkerTest, RefusedExporterIsLoggedOncePer256) {
+  config_.max_sessions = 1;
+  IpfixRecvWorker worker(0, config_, &sink_);
+  Feed(worker, OptionsMessage(100, 1), 5000);
+  for (int i = 0; i < 600; ++i) Feed(worker, OptionsMessage(100, 2), 5001 + i % 2);
+  const auto lines = LogCapture::Matching("max sessions reached");
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_NE(lines[0].find("count=1)"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("count=257)"), std::string::npos) << lines[1];
+  EXPECT_NE(lines[2].find("count=513)"), std::string::npos) << lines[2];
+  EXPECT_EQ(worker.GetStats().parsed, 601u);
+  EXPECT_EQ(worker.GetStats().sessions, 1u);
 }
 
 TEST_F(IpfixRecvWorkerTest, DrainHandsEverySessionToTheSink) {

@@ -47,7 +47,7 @@ size_t FragmentInjector::Reorder(uint32_t exporter, uint64_t sample_index, std::
   if (reorder_probability_ <= 0) return 0;
   size_t swaps = 0;
   for (size_t i = 0; i + 1 < order.size();) {
-    if (Uniform(kReorderSalt, exporter, sample_index, i) < reorder_probability_) {
+    if (Swaps(exporter, sample_index, i)) {
       std::swap(order[i], order[i + 1]);
       ++swaps;
       i += 2;
@@ -56,6 +56,10 @@ size_t FragmentInjector::Reorder(uint32_t exporter, uint64_t sample_index, std::
     }
   }
   return swaps;
+}
+
+bool FragmentInjector::Swaps(uint32_t exporter, uint64_t sample_index, size_t position) const {
+  return reorder_probability_ > 0 && Uniform(kReorderSalt, exporter, sample_index, position) < reorder_probability_;
 }
 
 }  // namespace dtl::hftsim

@@ -10,8 +10,6 @@ namespace dtl::hftsim {
 
 namespace {
 
-constexpr uint16_t kVariable = 65535;
-constexpr uint16_t kTemplateSetId = 2;
 // Pacing sleeps in slices of at most this long so a stop request is seen soon.
 constexpr int64_t kMaxSleepNs = 20'000'000;
 
@@ -34,90 +32,14 @@ void SleepUntil(uint64_t deadline_ns, const std::atomic<bool>& stop) {
   }
 }
 
-// Big-endian encoding of the descriptive records, one record at a time, so
-// that the packer knows a record's size before placing it.
-class RecordBytes {
- public:
-  void Clear() { bytes_.clear(); }
-  void U16(uint16_t v) { Uint(v, 2); }
-  void U32(uint32_t v) { Uint(v, 4); }
-  void U64(uint64_t v) { Uint(v, 8); }
-  void Text(const std::string& text) {
-    if (text.size() < 255) {
-      bytes_.push_back(static_cast<uint8_t>(text.size()));
-    } else {
-      bytes_.push_back(255);
-      U16(static_cast<uint16_t>(text.size()));
-    }
-    bytes_.insert(bytes_.end(), text.begin(), text.end());
-  }
-  void Template(uint16_t template_id, const std::vector<FieldSpec>& fields) {
-    U16(template_id);
-    U16(static_cast<uint16_t>(fields.size()));
-    for (const FieldSpec& field : fields) {
-      U16(field.element_id);
-      U16(field.length);
-    }
-  }
-  const std::vector<uint8_t>& bytes() const { return bytes_; }
-
- private:
-  void Uint(uint64_t v, size_t width) {
-    for (size_t i = width; i-- > 0;) bytes_.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  }
-  std::vector<uint8_t> bytes_;
-};
-
-// Packs records into messages of at most `limit` bytes, opening a new set
-// whenever the set ID changes and a new message when the next record does
-// not fit. Each message's sequence number counts the data records before it.
-class AnnouncementPacker {
- public:
-  AnnouncementPacker(IpfixMessageBuilder& builder, std::vector<Datagram>& out, size_t limit, uint32_t export_time,
-                     uint32_t domain, uint32_t& sequence)
-      : builder_(builder), out_(out), limit_(limit), export_time_(export_time), domain_(domain), sequence_(sequence) {}
-
-  void Add(uint16_t set_id, const std::vector<uint8_t>& record, bool data_record) {
-    const size_t added = record.size() + (set_id == set_id_ ? 0 : 4);
-    if (open_ && builder_.size() + added > limit_) Flush();
-    if (!open_) {
-      builder_.Begin(export_time_, sequence_, domain_);
-      open_ = true;
-      set_id_ = 0;
-    }
-    if (set_id != set_id_) {
-      builder_.BeginSet(set_id);
-      set_id_ = set_id;
-    }
-    builder_.PutBytes(record.data(), record.size());
-    if (data_record) ++sequence_;
-  }
-
-  void Flush() {
-    if (!open_) return;
-    out_.push_back(builder_.Finish());
-    open_ = false;
-    set_id_ = 0;
-  }
-
- private:
-  IpfixMessageBuilder& builder_;
-  std::vector<Datagram>& out_;
-  size_t limit_;
-  uint32_t export_time_;
-  uint32_t domain_;
-  uint32_t& sequence_;
-  bool open_ = false;
-  uint16_t set_id_ = 0;
-};
-
 }  // namespace
 
 HftSimulator::HftSimulator(SimConfig config)
     : config_(std::move(config)),
       layout_(config_),
+      descriptions_(config_, layout_),
       injector_(config_.loss_probability, config_.loss_every, config_.reorder_probability, config_.seed),
-      exporters_(config_.exporters) {
+      exporters_(config_.exporters, ExporterState(config_.sequence_mode)) {
   start_time_ns_ = config_.start_time_ns >= 0 ? static_cast<uint64_t>(config_.start_time_ns) : ClockNs(CLOCK_REALTIME);
 }
 
@@ -142,126 +64,237 @@ std::vector<Datagram> HftSimulator::BuildSample(uint32_t exporter, uint64_t samp
   return out;
 }
 
+size_t HftSimulator::ActiveTemplates(uint32_t exporter) const {
+  return exporter < exporters_.size() ? ActiveTemplates(exporters_[exporter]) : 0;
+}
+
+size_t HftSimulator::ActiveTemplates(const ExporterState& state) const {
+  return layout_.templates().size() - (state.withdrawn ? 1 : 0);
+}
+
+bool HftSimulator::InlineAt(uint64_t sample_index) const {
+  return config_.interleave_descriptive && sample_index % kInterleavePeriod == kInlinePhase;
+}
+
+bool HftSimulator::OwnAt(uint64_t sample_index) const {
+  return config_.interleave_descriptive && sample_index % kInterleavePeriod == kOwnPhase;
+}
+
 void HftSimulator::BuildAnnouncement(uint32_t exporter, std::vector<Datagram>& out) {
   out.clear();
   if (exporter >= exporters_.size()) return;
   ExporterState& state = exporters_[exporter];
-  AnnouncementPacker packer(builder_, out, config_.max_datagram_bytes, ExportTime(state.next_sample),
-                            DomainOf(exporter), state.sequence);
-  RecordBytes record;
-  const auto add_template = [&](uint16_t id, const std::vector<FieldSpec>& fields) {
-    record.Clear();
-    record.Template(id, fields);
-    packer.Add(kTemplateSetId, record.bytes(), false);
-  };
-  add_template(kSwitchNameTemplate, {{3, kVariable}});
-  add_template(kCounterNameTemplate, {{5, 2}, {4, kVariable}, {7, 4}});
-  add_template(kDefinitionTemplate, {{8, 8}, {9, kVariable}, {10, kVariable}, {7, 4}});
-  add_template(kMappingTemplate, {{6, 2}, {8, 8}, {7, 4}});
-  const std::vector<CounterInfo>& counters = layout_.counters();
-  std::vector<FieldSpec> fields;
-  for (const CounterTemplateInfo& info : layout_.templates()) {
-    fields.clear();
-    if (info.template_id == CounterLayout::kFirstCounterTemplate) {
-      fields.push_back({1, 4});
-      fields.push_back({2, 4});
-    }
-    for (size_t i = 0; i < info.counter_count; ++i) fields.push_back({counters[info.first_counter + i].element_id, 8});
-    add_template(info.template_id, fields);
-  }
-
-  record.Clear();
-  record.Text(config_.switch_name);
-  packer.Add(kSwitchNameTemplate, record.bytes(), true);
-
-  for (const CounterInfo& counter : counters) {
-    record.Clear();
-    record.U16(counter.element_id);
-    record.Text(counter.name);
-    record.U32(kRevision);
-    packer.Add(kCounterNameTemplate, record.bytes(), true);
-  }
-
-  const auto add_definition = [&](uint64_t id, const char* key, const std::string& value) {
-    record.Clear();
-    record.U64(id);
-    record.Text(key);
-    record.Text(value);
-    record.U32(kRevision);
-    packer.Add(kDefinitionTemplate, record.bytes(), true);
-  };
-  for (const CounterInfo& counter : counters) {
-    add_definition(counter.definition_id, "interface", counter.interface_name);
-    if (!counter.traffic_class.empty()) add_definition(counter.definition_id, "traffic_class", counter.traffic_class);
-  }
-
-  // Mappings of each template in the order of its counter fields: the k-th
-  // mapping of a template describes its k-th counter.
-  for (const CounterTemplateInfo& info : layout_.templates()) {
-    for (size_t i = 0; i < info.counter_count; ++i) {
-      record.Clear();
-      record.U16(info.template_id);
-      record.U64(counters[info.first_counter + i].definition_id);
-      record.U32(kRevision);
-      packer.Add(kMappingTemplate, record.bytes(), true);
-    }
-  }
+  DrainPacked(exporter, state, out);
+  descriptive_.clear();
+  descriptions_.Announcement(ActiveTemplates(state), descriptive_);
+  RecordPacker packer(builder_, out, config_.max_datagram_bytes, ExportTime(state.next_sample), DomainOf(exporter),
+                      state.sequence);
+  packer.Add(descriptive_);
   packer.Flush();
 }
 
-void HftSimulator::PutCounterRecord(size_t template_index, uint64_t sample_index) {
+void HftSimulator::PutCounterRecord(IpfixMessageBuilder& builder, size_t template_index, uint64_t sample_index) {
   const CounterTemplateInfo& info = layout_.templates()[template_index];
-  builder_.BeginSet(info.template_id);
+  builder.BeginSet(info.template_id);
   if (template_index == 0) {
     const uint64_t time_ns = SampleTimeNs(sample_index);
-    builder_.PutU32(static_cast<uint32_t>(time_ns / 1'000'000'000ull));
-    builder_.PutU32(static_cast<uint32_t>(time_ns % 1'000'000'000ull));
+    builder.PutU32(static_cast<uint32_t>(time_ns / 1'000'000'000ull));
+    builder.PutU32(static_cast<uint32_t>(time_ns % 1'000'000'000ull));
   }
-  for (size_t i = 0; i < info.counter_count; ++i) builder_.PutU64(CounterValue(sample_index, info.first_counter + i));
-  builder_.EndSet();
+  for (size_t i = 0; i < info.counter_count; ++i) builder.PutU64(CounterValue(sample_index, info.first_counter + i));
+  builder.EndSet();
+  ++fragments_produced_;
+}
+
+// The rotations step once per interleaving period, so over a run every
+// counter's definitions and every template's mappings go out again.
+void HftSimulator::InlineRecords(const ExporterState& state, uint64_t sample_index) {
+  const CounterTemplateInfo& last = layout_.templates()[ActiveTemplates(state) - 1];
+  const size_t counters = last.first_counter + last.counter_count;
+  descriptive_.clear();
+  descriptions_.SwitchName(descriptive_);
+  descriptions_.Definitions((sample_index / kInterleavePeriod) % counters, descriptive_);
+}
+
+void HftSimulator::OwnRecords(const ExporterState& state, uint64_t sample_index) {
+  const size_t template_index = (sample_index / kInterleavePeriod) % ActiveTemplates(state);
+  const CounterTemplateInfo& info = layout_.templates()[template_index];
+  descriptive_.clear();
+  for (size_t i = 0; i < info.counter_count; ++i) descriptions_.Definitions(info.first_counter + i, descriptive_);
+  descriptions_.Mappings(template_index, descriptive_);
+}
+
+void HftSimulator::SendOwnRecords(uint32_t exporter, ExporterState& state, uint64_t sample_index,
+                                  std::vector<Datagram>& out) {
+  OwnRecords(state, sample_index);
+  RecordPacker packer(builder_, out, config_.max_datagram_bytes, ExportTime(sample_index), DomainOf(exporter),
+                      state.sequence);
+  packer.Add(descriptive_);
+  packer.Flush();
+}
+
+void HftSimulator::Withdraw(uint32_t exporter, ExporterState& state, uint64_t sample_index,
+                            std::vector<Datagram>& out) {
+  DrainPacked(exporter, state, out);
+  const uint16_t template_id = layout_.templates()[ActiveTemplates(state) - 1].template_id;
+  builder_.Begin(ExportTime(sample_index), state.sequence.BeginMessage(), DomainOf(exporter));
+  AppendRecords(builder_, {DescriptiveRecords::Withdrawal(template_id)}, state.sequence);
+  out.push_back(builder_.Finish());
+  state.withdrawn = true;
 }
 
 void HftSimulator::BuildSample(uint32_t exporter, uint64_t sample_index, std::vector<Datagram>& out) {
   out.clear();
   if (exporter >= exporters_.size()) return;
   ExporterState& state = exporters_[exporter];
-  const size_t fragments = layout_.templates().size();
+  if (!state.withdrawn && config_.withdraw_at_sample >= 0 &&
+      sample_index >= static_cast<uint64_t>(config_.withdraw_at_sample)) {
+    Withdraw(exporter, state, sample_index, out);
+  }
+  const size_t fragments = ActiveTemplates(state);
+  if (config_.sample_per_datagram) {
+    BuildWholeSample(exporter, state, sample_index, fragments, out);
+  } else if (config_.fragments_per_message > 1) {
+    BuildPacked(exporter, state, sample_index, fragments, out);
+  } else {
+    BuildSingleFragments(exporter, state, sample_index, fragments, out);
+  }
+  state.next_sample = sample_index + 1;
+}
+
+void HftSimulator::BuildSingleFragments(uint32_t exporter, ExporterState& state, uint64_t sample_index,
+                                        size_t fragments, std::vector<Datagram>& out) {
+  const uint32_t export_time = ExportTime(sample_index);
+  units_.clear();
+  order_.clear();
+  unit_of_fragment_.assign(fragments, Unit::kNoFragment);
+  // Messages in the order the exporter produces them, numbered so.
+  for (size_t f = 0; f < fragments; ++f) {
+    builder_.Begin(export_time, state.sequence.BeginMessage(), DomainOf(exporter));
+    PutCounterRecord(builder_, f, sample_index);
+    state.sequence.CountRecords(1);
+    if (f == 0 && InlineAt(sample_index)) {
+      InlineRecords(state, sample_index);
+      AppendRecords(builder_, descriptive_, state.sequence);
+    }
+    if (injector_.Drop(exporter, sample_index, f, fragments)) {
+      ++fragments_dropped_;
+    } else {
+      order_.push_back(f);
+      unit_of_fragment_[f] = units_.size();
+      units_.push_back({builder_.Finish(), f});
+    }
+    if (f == 0 && OwnAt(sample_index)) {
+      std::vector<Datagram> own;
+      SendOwnRecords(exporter, state, sample_index, own);
+      for (Datagram& datagram : own) units_.push_back({std::move(datagram), Unit::kNoFragment});
+    }
+  }
+  // Reordering swaps fragment datagrams, each keeping its sequence number as
+  // the network would; descriptive messages keep their places.
+  fragment_swaps_ += injector_.Reorder(exporter, sample_index, order_);
+  size_t next = 0;
+  for (Unit& unit : units_) {
+    if (unit.fragment == Unit::kNoFragment) {
+      out.push_back(std::move(unit.bytes));
+    } else {
+      out.push_back(std::move(units_[unit_of_fragment_[order_[next++]]].bytes));
+    }
+  }
+}
+
+void HftSimulator::BuildWholeSample(uint32_t exporter, ExporterState& state, uint64_t sample_index,
+                                    size_t fragments, std::vector<Datagram>& out) {
   order_.clear();
   for (size_t f = 0; f < fragments; ++f) {
     if (injector_.Drop(exporter, sample_index, f, fragments)) {
       ++fragments_dropped_;
+      ++fragments_produced_;
     } else {
       order_.push_back(f);
     }
   }
   fragment_swaps_ += injector_.Reorder(exporter, sample_index, order_);
 
-  const uint32_t export_time = ExportTime(sample_index);
-  const uint32_t base = state.sequence;
-  if (config_.sample_per_datagram) {
-    if (!order_.empty()) {
-      builder_.Begin(export_time, base, DomainOf(exporter));
-      for (size_t f : order_) PutCounterRecord(f, sample_index);
-      out.push_back(builder_.Finish());
+  builder_.Begin(ExportTime(sample_index), state.sequence.BeginMessage(), DomainOf(exporter));
+  const bool inline_records = InlineAt(sample_index);
+  if (inline_records) InlineRecords(state, sample_index);
+  for (size_t i = 0; i < order_.size(); ++i) {
+    PutCounterRecord(builder_, order_[i], sample_index);
+    if (i == 0 && inline_records) AppendRecords(builder_, descriptive_, state.sequence);
+  }
+  // Lost records were produced all the same and count.
+  if (order_.empty() && inline_records) state.sequence.CountRecords(static_cast<uint32_t>(descriptive_.size()));
+  state.sequence.CountRecords(static_cast<uint32_t>(fragments));
+  if (!order_.empty()) out.push_back(builder_.Finish());
+  if (OwnAt(sample_index)) SendOwnRecords(exporter, state, sample_index, out);
+}
+
+void HftSimulator::BuildPacked(uint32_t exporter, ExporterState& state, uint64_t sample_index, size_t fragments,
+                               std::vector<Datagram>& out) {
+  for (size_t position = 0; position < fragments; ++position) {
+    if (state.packed_fragments == 0) {
+      state.packed.Begin(ExportTime(sample_index), state.sequence.BeginMessage(), DomainOf(exporter));
+      state.packed_lost = false;
     }
-  } else {
-    // Each fragment keeps the sequence number of its place in the sample, so
-    // reordered fragments also arrive with out-of-order sequence numbers.
-    for (size_t f : order_) {
-      builder_.Begin(export_time, base + static_cast<uint32_t>(f), DomainOf(exporter));
-      PutCounterRecord(f, sample_index);
-      out.push_back(builder_.Finish());
+    PutCounterRecord(state.packed, position, sample_index);
+    state.sequence.CountRecords(1);
+    ++state.packed_fragments;
+    if (injector_.Drop(exporter, sample_index, position, fragments)) state.packed_lost = true;
+    if (position == 0 && InlineAt(sample_index)) {
+      InlineRecords(state, sample_index);
+      AppendRecords(state.packed, descriptive_, state.sequence);
+    }
+    if (position == 0 && OwnAt(sample_index)) state.descriptive_after = static_cast<int64_t>(sample_index);
+    if (state.packed_fragments == config_.fragments_per_message) {
+      // A message ending inside the sample may swap with the next one.
+      const bool swap = position + 1 < fragments && injector_.Swaps(exporter, sample_index, position);
+      FlushPacked(exporter, state, swap, out);
     }
   }
-  state.sequence = base + static_cast<uint32_t>(fragments);
-  state.next_sample = sample_index + 1;
+}
+
+void HftSimulator::FlushPacked(uint32_t exporter, ExporterState& state, bool hold, std::vector<Datagram>& out) {
+  if (state.packed_fragments > 0) {
+    if (state.packed_lost) {
+      fragments_dropped_ += state.packed_fragments;
+    } else if (hold && !state.holding) {
+      state.held = state.packed.Finish();
+      state.holding = true;
+      ++fragment_swaps_;
+    } else {
+      out.push_back(state.packed.Finish());
+      if (state.holding) {
+        out.push_back(std::move(state.held));
+        state.holding = false;
+      }
+    }
+    state.packed_fragments = 0;
+  }
+  if (state.descriptive_after >= 0) {
+    SendOwnRecords(exporter, state, static_cast<uint64_t>(state.descriptive_after), out);
+    state.descriptive_after = -1;
+  }
+}
+
+void HftSimulator::DrainPacked(uint32_t exporter, ExporterState& state, std::vector<Datagram>& out) {
+  FlushPacked(exporter, state, false, out);
+  if (state.holding) {
+    out.push_back(std::move(state.held));
+    state.holding = false;
+  }
+}
+
+void HftSimulator::Finish(uint32_t exporter, std::vector<Datagram>& out) {
+  out.clear();
+  if (exporter < exporters_.size()) DrainPacked(exporter, exporters_[exporter], out);
 }
 
 SimTotals HftSimulator::Generate(uint64_t sample_count, const DatagramSink& sink) {
   SimTotals totals;
+  const uint64_t produced_before = fragments_produced_;
   const uint64_t dropped_before = fragments_dropped_;
   const uint64_t swaps_before = fragment_swaps_;
-  const size_t fragments = layout_.templates().size();
   std::vector<Datagram> datagrams;
   const auto emit = [&](uint32_t exporter) {
     for (const Datagram& datagram : datagrams) {
@@ -291,9 +324,13 @@ SimTotals HftSimulator::Generate(uint64_t sample_count, const DatagramSink& sink
       emit(e);
     }
   }
+  for (uint32_t e = 0; e < config_.exporters; ++e) {
+    Finish(e, datagrams);
+    emit(e);
+  }
   totals.fragments_dropped = fragments_dropped_ - dropped_before;
   totals.fragment_swaps = fragment_swaps_ - swaps_before;
-  totals.fragments_sent = totals.samples * fragments - totals.fragments_dropped;
+  totals.fragments_sent = fragments_produced_ - produced_before - totals.fragments_dropped;
   return totals;
 }
 
@@ -308,9 +345,9 @@ SimRunResult HftSimulator::Run() {
   UdpSender sender;
   if (!sender.Open(target.host, target.port, config_.exporters, config_.source_port, result.error)) return result;
 
+  const uint64_t produced_before = fragments_produced_;
   const uint64_t dropped_before = fragments_dropped_;
   const uint64_t swaps_before = fragment_swaps_;
-  const size_t fragments = layout_.templates().size();
   const uint64_t start_ns = ClockNs(CLOCK_MONOTONIC);
   const uint64_t duration_ns = static_cast<uint64_t>(std::llround(config_.duration_sec * 1e9));
   const uint64_t period_ns = static_cast<uint64_t>(std::llround(config_.announce_period_sec * 1e9));
@@ -371,10 +408,14 @@ SimRunResult HftSimulator::Run() {
       if (on_time || pending[e].size() >= UdpSender::kBatch) flush(e);
     }
   }
+  for (uint32_t e = 0; e < config_.exporters; ++e) {
+    Finish(e, datagrams);
+    for (Datagram& datagram : datagrams) pending[e].push_back(std::move(datagram));
+  }
   flush_all();
   totals.fragments_dropped = fragments_dropped_ - dropped_before;
   totals.fragment_swaps = fragment_swaps_ - swaps_before;
-  totals.fragments_sent = totals.samples * fragments - totals.fragments_dropped;
+  totals.fragments_sent = fragments_produced_ - produced_before - totals.fragments_dropped;
   result.elapsed_sec = static_cast<double>(ClockNs(CLOCK_MONOTONIC) - start_ns) / 1e9;
   return result;
 }

@@ -1,5 +1,6 @@
 #include "tools/hft_sim/sim_config.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -116,11 +117,22 @@ std::string SimConfig::Validate() const {
   if (max_datagram_bytes < 256 || max_datagram_bytes > kMaxUdpPayload) {
     return "max datagram size must be 256.." + std::to_string(kMaxUdpPayload);
   }
+  const size_t inline_bytes = interleave_descriptive ? kInlineDescriptiveReserve : 0;
   if (sample_per_datagram) {
     const size_t sample_bytes = 16 + CounterTemplateCount() * 4 + 8 + total * 8;
-    if (sample_bytes > kMaxUdpPayload) {
+    if (sample_bytes + inline_bytes > kMaxUdpPayload) {
       return "a whole sample (" + std::to_string(sample_bytes) + " bytes) does not fit one datagram";
     }
+    if (fragments_per_message != 1) return "fragments per message need one fragment per datagram";
+  }
+  if (fragments_per_message == 0) return "fragments per message must be at least 1";
+  // The largest fragment is a full template 300 record with its set header.
+  const size_t fragment_bytes = 4 + 8 + std::min<size_t>(counters_per_template, total) * 8;
+  if (16 + uint64_t{fragments_per_message} * fragment_bytes + inline_bytes > kMaxUdpPayload) {
+    return std::to_string(fragments_per_message) + " fragments per message do not fit one datagram";
+  }
+  if (withdraw_at_sample >= 0 && CounterTemplateCount() < 2) {
+    return "withdrawing a template needs at least two counter templates";
   }
   return {};
 }

@@ -20,12 +20,25 @@ struct SimTarget {
 // a port outside 1-65535.
 bool ParseSimTarget(const std::string& text, SimTarget& target);
 
+// What the sequence number of a message header counts.
+enum class SequenceMode {
+  kRecords,   // data records the exporter produced before the message, as IPFIX defines it
+  kMessages,  // messages the exporter produced before this one
+  kConstant,  // nothing: every message carries SimConfig::kConstantSequence
+};
+
 struct SimConfig {
   // Largest UDP payload that can be sent over IPv4.
   static constexpr size_t kMaxUdpPayload = 65507;
   // Counter element IDs are 15 bits; counters take IDs from this one upward.
   static constexpr uint16_t kFirstCounterElement = 1000;
   static constexpr size_t kMaxCounterTemplates = 32;
+  // The sequence number of every message in SequenceMode::kConstant.
+  static constexpr uint32_t kConstantSequence = 1000;
+  // Room kept in a counter message for descriptive records interleaved into
+  // it (a switch name and one counter's definitions, names of at most 1000
+  // bytes each).
+  static constexpr size_t kInlineDescriptiveReserve = 4096;
 
   std::string target = "127.0.0.1:4739";
   std::string switch_name = "hft-sim";
@@ -53,6 +66,19 @@ struct SimConfig {
   double duration_sec = 0;
   // false: one fragment (data record) per datagram; true: a whole sample per datagram.
   bool sample_per_datagram = false;
+  // With fragments per datagram: counter fragments per message. More than one
+  // packs the exporter's fragments that many to a message regardless of
+  // sample boundaries (a message may end one sample and start the next).
+  uint32_t fragments_per_message = 1;
+  // What message sequence numbers count.
+  SequenceMode sequence_mode = SequenceMode::kRecords;
+  // Descriptive records (switch name, metadata definitions and mappings, the
+  // same content as announced) also go out between the fragments of samples:
+  // some in the message of a fragment, some in messages of their own.
+  bool interleave_descriptive = false;
+  // Before this sample (negative: never) the highest counter template is
+  // withdrawn, and later samples and announcements go without it.
+  int64_t withdraw_at_sample = -1;
   // Templates, names and metadata are sent at start and then every this many
   // seconds; 0 sends them once.
   double announce_period_sec = 5;

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
 
@@ -25,6 +26,10 @@ enum LongOnly : int {
   kIntervalUs,
   kLoss,
   kSourcePort,
+  kSequence,
+  kInterleave,
+  kFragmentsPerMessage,
+  kWithdrawAt,
 };
 
 const option kOptions[] = {
@@ -51,6 +56,10 @@ const option kOptions[] = {
     {"start-time", required_argument, nullptr, kStartTime},
     {"max-datagram", required_argument, nullptr, kMaxDatagram},
     {"export-time", required_argument, nullptr, kExportTime},
+    {"sequence", required_argument, nullptr, kSequence},
+    {"interleave", no_argument, nullptr, kInterleave},
+    {"fragments-per-message", required_argument, nullptr, kFragmentsPerMessage},
+    {"withdraw-at", required_argument, nullptr, kWithdrawAt},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -178,6 +187,28 @@ bool Apply(int code, const char* arg, SimConfig& config) {
         return false;
       }
       return true;
+    case kSequence:
+      if (std::string(arg) == "record") {
+        config.sequence_mode = SequenceMode::kRecords;
+      } else if (std::string(arg) == "message") {
+        config.sequence_mode = SequenceMode::kMessages;
+      } else if (std::string(arg) == "constant") {
+        config.sequence_mode = SequenceMode::kConstant;
+      } else {
+        return false;
+      }
+      return true;
+    case kInterleave:
+      config.interleave_descriptive = true;
+      return true;
+    case kFragmentsPerMessage:
+      return ParseInto(arg, config.fragments_per_message) && config.fragments_per_message > 0;
+    case kWithdrawAt: {
+      uint64_t sample = 0;
+      if (!ParseUnsigned(arg, INT64_MAX, sample)) return false;
+      config.withdraw_at_sample = static_cast<int64_t>(sample);
+      return true;
+    }
     default:
       return false;
   }
@@ -207,7 +238,7 @@ SimOptionsResult ParseSimOptions(int argc, char* argv[], SimConfig& config, std:
       return SimOptionsResult::kError;
     }
     if (!Apply(code, optarg, config)) {
-      error = std::string("bad value for --") + OptionName(code) + ": '" + optarg + "'";
+      error = std::string("bad value for --") + OptionName(code) + ": '" + (optarg != nullptr ? optarg : "") + "'";
       return SimOptionsResult::kError;
     }
   }
@@ -275,6 +306,25 @@ Datagrams:
                                 sample per datagram (default fragment)
       --max-datagram BYTES      announcement messages are packed up to this
                                 size (default 1400)
+      --fragments-per-message N pack N counter fragments per message regardless
+                                of sample boundaries: a message may end one
+                                sample and start the next (default 1)
+      --sequence record|message|constant
+                                what the message sequence number counts: the
+                                data records sent before the message, as IPFIX
+                                defines it (default), the messages sent before
+                                it, or nothing (always 1000)
+
+Exporter behaviours:
+      --interleave              also send descriptive records (switch name,
+                                metadata definitions and mappings, unchanged)
+                                between the fragments of samples: every 4th
+                                sample in the message of its first fragment,
+                                every 4th (2 later) in messages of their own
+                                right after that message
+      --withdraw-at S           before sample S withdraw the highest counter
+                                template (a template record with no fields)
+                                and export the later samples without it
 
 Fault injection (counter fragments only):
       --loss P                  drop each fragment with probability P (0..1)
@@ -282,6 +332,11 @@ Fault injection (counter fragments only):
       --reorder P               swap a fragment with the next one of its sample
                                 with probability P (0..1)
       --seed N                  seed of the loss and reorder decisions (default 1)
+  A dropped fragment is missing from what is sent; when a message carries
+  several fragments, the whole message is lost with it. A swap reorders
+  datagrams as the network would, each keeping its sequence number (with
+  several fragments per message: the messages of two neighbouring fragments);
+  with a whole sample per datagram it reorders the sample's records.
 
   -h, --help                    show this text
 

@@ -1,0 +1,73 @@
+// What an exporter's message sequence numbers say about loss. Exporters
+// number legally in different ways: every data record of the domain (the
+// IPFIX rule), every message, or not at all (a constant). SequenceTracker
+// learns which one a session's exporter uses from consecutive messages and
+// numbers each data record accordingly; RecordHistory remembers the recent
+// numbers, so that a sample can be checked for a missing number between its
+// first and its last fragment: the evidence that a lost record may have let
+// another sample's fragment into this one.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace dtl::ipfix {
+
+class SequenceTracker {
+ public:
+  enum class Numbering : uint8_t { kUnknown, kPerRecord, kPerMessage, kConstant };
+
+  // Score (transitions explained minus transitions not explained) one way
+  // of numbering must reach before it is believed; a numbering once learnt
+  // stays until another one scores as well.
+  static constexpr uint8_t kLearnAfter = 4;
+
+  // A message begins; its header carried sequence_number.
+  void BeginMessage(uint32_t sequence_number);
+  // A data record of the current message whose length is unknown (no
+  // template yet): the records after it in the message cannot be numbered.
+  void SkipUncountable() { countable_ = false; }
+  // The number of the current message's next data record, when the learnt
+  // numbering gives records numbers (record numbering: message number +
+  // position; message numbering: the message's number). Advances.
+  std::optional<uint32_t> NextRecord();
+
+  Numbering numbering() const { return numbering_; }
+  bool informative() const {
+    return numbering_ == Numbering::kPerRecord || numbering_ == Numbering::kPerMessage;
+  }
+
+ private:
+  Numbering numbering_ = Numbering::kUnknown;
+  bool in_message_ = false;
+  bool countable_ = true;
+  uint32_t sequence_ = 0;  // current message's number
+  uint32_t records_ = 0;   // data records of the current message so far
+  // Scores of the ways of numbering over the transitions seen.
+  uint8_t per_record_run_ = 0;
+  uint8_t per_message_run_ = 0;
+  uint8_t constant_run_ = 0;
+};
+
+class RecordHistory {
+ public:
+  // How many of the most recent numbers are remembered.
+  static constexpr uint32_t kSize = 128;
+
+  void Note(uint32_t number) { seen_[number % kSize] = number; }
+  bool Seen(uint32_t number) const { return seen_[number % kSize] == number; }
+  // Every number from low to high (inclusive, wrapping) was noted, and the
+  // range is short enough to be remembered whole.
+  bool AllSeen(uint32_t low, uint32_t high) const;
+
+ private:
+  // seen_[n % kSize] == n when n was noted; the initial values match nothing.
+  uint32_t seen_[kSize] = {};
+
+ public:
+  RecordHistory() {
+    for (uint32_t i = 0; i < kSize; ++i) seen_[i] = i + 1;
+  }
+};
+
+}  // namespace dtl::ipfix
