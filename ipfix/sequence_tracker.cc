@@ -37,20 +37,6 @@ void SequenceTracker::BeginMessage(uint32_t sequence_number) {
   records_ = 0;
 }
 
-std::optional<uint32_t> SequenceTracker::NextRecord() {
-  const uint32_t position = records_++;
-  if (!in_message_) return std::nullopt;
-  switch (numbering_) {
-    case Numbering::kPerRecord:
-      if (!countable_) return std::nullopt;
-      return sequence_ + position;
-    case Numbering::kPerMessage:
-      return sequence_;
-    default:
-      return std::nullopt;
-  }
-}
-
 bool RecordHistory::AllSeen(uint32_t low, uint32_t high) const {
   if (high - low >= kSize) return false;
   for (uint32_t n = low;; ++n) {

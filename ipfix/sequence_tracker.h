@@ -30,7 +30,12 @@ class SequenceTracker {
   // The number of the current message's next data record, when the learnt
   // numbering gives records numbers (record numbering: message number +
   // position; message numbering: the message's number). Advances.
-  std::optional<uint32_t> NextRecord();
+  std::optional<uint32_t> NextRecord() {
+    const uint32_t position = records_++;
+    if (numbering_ == Numbering::kPerRecord && countable_ && in_message_) return sequence_ + position;
+    if (numbering_ == Numbering::kPerMessage && in_message_) return sequence_;
+    return std::nullopt;
+  }
 
   Numbering numbering() const { return numbering_; }
   bool informative() const {
