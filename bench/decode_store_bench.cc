@@ -247,7 +247,10 @@ void RunLoop(benchmark::State& state, Stream& stream, dtl::ipfix::IpfixRecvWorke
     }
     StoreBe32(sample[0].data() + kSecondsOffset, sec);
     StoreBe32(sample[0].data() + kNanosecondsOffset, nsec);
-    for (size_t f = 0; f < fragments; ++f) worker.ProcessMessage(sample[f].data(), sample[f].size(), from);
+    // The receive thread reads the clock once per batch of datagrams.
+    const uint64_t now_ns = dtl::ipfix::IpfixRecvWorker::MonotonicNowNs();
+    for (size_t f = 0; f < fragments; ++f)
+      worker.ProcessMessage(sample[f].data(), sample[f].size(), from, now_ns);
     if (++next == kRingSamples) {
       next = 0;
       if (lap_ns > 0) {

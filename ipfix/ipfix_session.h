@@ -179,9 +179,17 @@ class IpfixSession {
   void Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
   void CompleteIfWhole();
   void Commit();
-  void Park();
-  // Brings a parked sample back into a new block of the sink.
+  void Park(bool older);
+  // Brings a parked newer sample back into a new block of the sink.
   void Unpark();
+  // Swaps the pending sample's assembly state with the parked one's.
+  void ExchangeWithParked();
+  // Offers a fragment to a parked older sample; true when it took it.
+  bool OfferToParked(size_t slot, const uint8_t* record, size_t len, uint32_t number);
+  // The parked older sample is complete: it goes to the sink before the
+  // pending newer one, which then continues in a new block.
+  void CommitParkedFirst();
+  std::vector<uint8_t> scratch_;
   // Checked samples: takes the stashed fragments whose numbers now lie in
   // the sample's unbroken run of records.
   void AbsorbStash();
@@ -226,6 +234,7 @@ class IpfixSession {
   // template 300 + i), which it needs, and the record numbers it spans.
   uint32_t received_slots_ = 0;
   uint32_t expected_slots_ = 0;
+  uint32_t layout_slots_ = 0;  // bit i: template 300 + i is in the layout
   bool sample_pending_ = false;
   uint8_t* pending_slot_ = nullptr;
   SequenceTracker sequence_;
@@ -248,10 +257,15 @@ class IpfixSession {
     std::vector<uint8_t> bytes;
   };
   std::array<StashedFragment, kCounterTemplateSlots> stash_;
-  // A sample set aside while an older one, whose first record came late, is
-  // assembled in the sink's block: its values and assembly state.
+  // A second sample beside the one in the sink's block: either a newer one
+  // set aside while an older one, whose first record came late, is
+  // assembled in the block (older false), or an older one still waiting for
+  // a late fragment while the newer one fills the block (older true). Its
+  // values and assembly state.
   struct ParkedSample {
     bool active = false;
+    bool older = false;
+    uint8_t* slot = nullptr;  // values.data() while parked
     uint32_t seconds = 0, nanoseconds = 0;
     uint32_t received_slots = 0, expected_slots = 0;
     uint32_t span_low = 0, span_high = 0, contiguous = 0;

@@ -2,6 +2,7 @@
 // assembly of up to 32 fragments into one slot lent by the sink, and the
 // byte-swap of the counters straight into that slot.
 #include <cstring>
+#include <utility>
 
 #include "dtl_logger.h"
 #include "ipfix/bswap.h"
@@ -86,9 +87,11 @@ void IpfixSession::UpdateCachedFragmentCount() {
   uint64_t running = 0;
   uint64_t fragments = 0;
   uint64_t fields = 0;
+  layout_slots_ = 0;
   for (size_t slot = 0; slot < kCounterTemplateSlots; ++slot) {
     value_offsets_[slot] = running;
     if (!plan_valid_[slot]) continue;
+    layout_slots_ |= 1u << slot;
     running += plans_[slot].counter_bytes;
     ++fragments;
     fields += plans_[slot].counter_count;
@@ -253,7 +256,7 @@ void IpfixSession::AcceptFragment(size_t slot, const uint8_t* record, size_t len
       AddToSample(slot, record, len, number);
       AbsorbStash();
       CompleteIfWhole();
-    } else {
+    } else if (!number || !OfferToParked(slot, record, len, *number)) {
       Stash(slot, record, len, number);
     }
     return;
@@ -277,10 +280,17 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<u
   // The first record of an older sample, late behind a newer one: the newer
   // one steps aside until the older one is complete or given up, so that
   // blocks stay in time order and neither is lost to the reordering.
-  const bool older = sample_pending_ && span_checked_ && span_known_ && number && !parked_.active &&
-                     static_cast<int32_t>(*number - span_low_) < 0;
+  // An older sample that waited beside the pending one had its chance.
+  if (parked_.active && parked_.older) parked_.active = false;
+  const bool checkable = sample_pending_ && span_checked_ && span_known_ && number && !parked_.active;
+  const bool older = checkable && static_cast<int32_t>(*number - span_low_) < 0;
+  // A newer sample while records before it are still missing: the pending
+  // one may yet get its late fragment, and waits beside.
+  const bool waiting = checkable && !older && static_cast<int32_t>(*number - (contiguous_ + 1)) > 0;
   if (older) {
-    Park();
+    Park(false);
+  } else if (waiting) {
+    Park(true);
   } else if (sample_pending_ && parked_.active) {
     DropPendingSample();
     Unpark();
@@ -323,9 +333,7 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<u
   sample_pending_ = true;
   pending_slot_ = values;
   received_slots_ = 0;
-  expected_slots_ = 0;
-  for (size_t slot = 0; slot < kCounterTemplateSlots; ++slot)
-    if (plan_valid_[slot]) expected_slots_ |= 1u << slot;
+  expected_slots_ = layout_slots_;
   span_checked_ = sequence_.informative();
   span_known_ = number.has_value();
   if (number) span_low_ = span_high_ = contiguous_ = *number;
@@ -438,6 +446,8 @@ void IpfixSession::CompleteIfWhole() {
 }
 
 void IpfixSession::Commit() {
+  // Blocks go out in time order: an older sample still waiting is given up.
+  if (parked_.active && parked_.older) parked_.active = false;
   sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
   ++records_written_;
   if (records_written_ % records_written_log_interval_ == 1) {
@@ -448,8 +458,9 @@ void IpfixSession::Commit() {
   Unpark();
 }
 
-void IpfixSession::Park() {
+void IpfixSession::Park(bool older) {
   parked_.active = true;
+  parked_.older = older;
   parked_.seconds = pending_seconds_;
   parked_.nanoseconds = pending_nanoseconds_;
   parked_.received_slots = received_slots_;
@@ -459,13 +470,67 @@ void IpfixSession::Park() {
   parked_.contiguous = contiguous_;
   parked_.span_known = span_known_;
   parked_.values.assign(pending_slot_, pending_slot_ + total_value_bytes_);
+  parked_.slot = parked_.values.data();
   // The sink's block is taken over by the older sample.
   sample_pending_ = false;
   pending_slot_ = nullptr;
 }
 
+void IpfixSession::ExchangeWithParked() {
+  std::swap(received_slots_, parked_.received_slots);
+  std::swap(expected_slots_, parked_.expected_slots);
+  std::swap(span_low_, parked_.span_low);
+  std::swap(span_high_, parked_.span_high);
+  std::swap(contiguous_, parked_.contiguous);
+  std::swap(span_known_, parked_.span_known);
+  std::swap(pending_seconds_, parked_.seconds);
+  std::swap(pending_nanoseconds_, parked_.nanoseconds);
+  std::swap(pending_slot_, parked_.slot);
+}
+
+bool IpfixSession::OfferToParked(size_t slot, const uint8_t* record, size_t len, uint32_t number) {
+  if (!parked_.active || !parked_.older) return false;
+  const bool pending = sample_pending_;
+  ExchangeWithParked();
+  sample_pending_ = true;
+  while (span_known_ && history_.Seen(contiguous_ + 1)) ++contiguous_;
+  const bool took = (received_slots_ & (1u << slot)) == 0 && Joinable(slot, number);
+  if (took) AddToSample(slot, record, len, number);
+  const bool whole = took && span_known_ && received_slots_ == expected_slots_;
+  ExchangeWithParked();
+  sample_pending_ = pending;
+  if (whole) CommitParkedFirst();
+  return took;
+}
+
+void IpfixSession::CommitParkedFirst() {
+  parked_.active = false;
+  if (parked_.values.size() != total_value_bytes_) return;
+  if (sample_pending_) scratch_.assign(pending_slot_, pending_slot_ + total_value_bytes_);
+  // The sink hands out the block not yet committed again, now for the
+  // older sample's time.
+  uint8_t* block = sink_->AcquireRecordValueSlot(worker_id_, key_, parked_.seconds, parked_.nanoseconds,
+                                                 total_value_bytes_);
+  if (block == nullptr) {
+    DropPendingSample();
+    return;
+  }
+  std::memcpy(block, parked_.values.data(), total_value_bytes_);
+  sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
+  ++records_written_;
+  if (!sample_pending_) return;
+  uint8_t* again =
+      sink_->AcquireRecordValueSlot(worker_id_, key_, pending_seconds_, pending_nanoseconds_, total_value_bytes_);
+  if (again == nullptr) {
+    DropPendingSample();
+    return;
+  }
+  std::memcpy(again, scratch_.data(), total_value_bytes_);
+  pending_slot_ = again;
+}
+
 void IpfixSession::Unpark() {
-  if (!parked_.active) return;
+  if (!parked_.active || parked_.older) return;
   parked_.active = false;
   if (sample_pending_ || parked_.values.size() != total_value_bytes_) return;
   uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, parked_.seconds, parked_.nanoseconds,
