@@ -107,7 +107,8 @@ Outcome RunWriter(const std::string& path, uint64_t pages, unsigned depth) {
                                             static_cast<int64_t>(page * kPage),
                                             static_cast<int>(i),
                                             [&errors] { ++errors; },
-                                            &flags[i]};
+                                            &flags[i],
+                                            {}};
     if (!writer.Submit(job)) break;
   }
   writer.Drain();

@@ -517,7 +517,9 @@ TEST_P(SequenceNumbering, WholeSamplesAreStoredAndALossIsNotFilledFromTheNextSam
   }
   for (const auto& commit : commits) {
     const auto v = Values(commit);
-    if (v[0] != 130) EXPECT_EQ(v, (std::vector<uint64_t>{v[0], v[0] + 1, v[0] + 2}));
+    if (v[0] != 130) {
+      EXPECT_EQ(v, (std::vector<uint64_t>{v[0], v[0] + 1, v[0] + 2}));
+    }
   }
 }
 

@@ -345,7 +345,9 @@ TEST_P(Behaviours, StoresExactlyTheWholeSamples) {
   const FragmentInjector injector(c.loss ? kLoss : 0, c.loss ? kLossEvery : 0, 0, kSeed);
   std::vector<bool> whole = SamplesLosingAFragment(injector, kSamples, c.fragments_per_message);
   whole.flip();
-  if (c.loss) ASSERT_LT(std::count(whole.begin(), whole.end(), true), kSamples - 100) << "too little loss";
+  if (c.loss) {
+    ASSERT_LT(std::count(whole.begin(), whole.end(), true), kSamples - 100) << "too little loss";
+  }
   const bool constant = std::find(options.begin(), options.end(), "constant") != options.end();
   const std::set<uint64_t> undecidable =
       constant ? UndecidableWithoutSequence(injector, kSamples) : std::set<uint64_t>{};
