@@ -66,13 +66,26 @@ void AsyncDataFile::ContinueAfterLastBlock() {
   buffered_only_ = end % 4096 != 0;
 }
 
+namespace {
+
+// The file's size as the kernel reports it, and whether it is below done.
+// A write's completion can be reported a moment before the file's size
+// shows it; only a size still short after the file was synced is a cut.
+bool ShorterThan(int fd, int64_t done, struct stat* status) {
+  if (status->st_size >= done) return false;
+  fdatasync(fd);
+  return fstat(fd, status) == 0 && status->st_size < done;
+}
+
+}  // namespace
+
 AsyncDataFile::DiskState AsyncDataFile::QuickCheckOnDisk() {
   if (!has_file() || fd_ < 0) return DiskState::kOk;
   struct stat by_fd {};
   if (fstat(fd_, &by_fd) != 0) return DiskState::kOk;
   if (by_fd.st_nlink == 0) return DiskState::kDeleted;
   // Completed writes never shrink a file: something else did.
-  if (by_fd.st_size < done_end_.load(std::memory_order_relaxed)) {
+  if (ShorterThan(fd_, done_end_.load(std::memory_order_relaxed), &by_fd)) {
     NoteBadEnd(by_fd.st_size);
     return DiskState::kTruncated;
   }
@@ -91,14 +104,20 @@ AsyncDataFile::DiskState AsyncDataFile::CheckOnDisk() {
       by_path.st_dev != by_fd.st_dev)
     return DiskState::kDeleted;
   const int64_t done = done_end_.load(std::memory_order_relaxed);
-  if (by_fd.st_size < done) {
+  if (ShorterThan(fd_, done, &by_fd)) {
     NoteBadEnd(by_fd.st_size);
     return DiskState::kTruncated;
   }
   // Cut and then lengthened again by a later write: a hole below what was
   // written (every write is complete, so every byte below done is data).
-  const off_t hole = lseek(fd_, 0, SEEK_HOLE);
-  if (hole >= 0 && hole < std::min<int64_t>(done, written_bytes)) {
+  const int64_t limit = std::min<int64_t>(done, written_bytes);
+  off_t hole = lseek(fd_, 0, SEEK_HOLE);
+  if (hole >= 0 && hole < limit) {
+    // Confirmed once the file is synced, as for the size above.
+    fdatasync(fd_);
+    hole = lseek(fd_, 0, SEEK_HOLE);
+  }
+  if (hole >= 0 && hole < limit) {
     // Holes start on file system blocks, while the cut may have fallen
     // anywhere in the block before: only what precedes that block is sure.
     const int64_t granule = by_fd.st_blksize > 0 ? by_fd.st_blksize : 4096;
