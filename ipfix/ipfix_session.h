@@ -239,10 +239,9 @@ class IpfixSession {
   uint8_t* pending_slot_ = nullptr;
   SequenceTracker sequence_;
   RecordHistory history_;
-  // Lowest and highest record number among the pending sample's fragments;
-  // span_known_ is cleared when one of them could not be numbered.
+  // Record number of the pending sample's first record; span_known_ is
+  // cleared when one of its fragments could not be numbered.
   uint32_t span_low_ = 0;
-  uint32_t span_high_ = 0;
   bool span_known_ = false;
   // The numbering was learnt when the pending sample opened: it is checked.
   bool span_checked_ = false;
@@ -252,7 +251,6 @@ class IpfixSession {
 
   // Fragments that arrived before the first record of their sample.
   struct StashedFragment {
-    bool present = false;
     std::optional<uint32_t> number;
     std::vector<uint8_t> bytes;
   };
@@ -268,7 +266,7 @@ class IpfixSession {
     uint8_t* slot = nullptr;  // values.data() while parked
     uint32_t seconds = 0, nanoseconds = 0;
     uint32_t received_slots = 0, expected_slots = 0;
-    uint32_t span_low = 0, span_high = 0, contiguous = 0;
+    uint32_t span_low = 0, contiguous = 0;
     bool span_known = false;
     std::vector<uint8_t> values;
   };

@@ -336,7 +336,7 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<u
   expected_slots_ = layout_slots_;
   span_checked_ = sequence_.informative();
   span_known_ = number.has_value();
-  if (number) span_low_ = span_high_ = contiguous_ = *number;
+  if (number) span_low_ = contiguous_ = *number;
   AddToSample(0, record, len, number);
 
   if (span_checked_) {
@@ -349,12 +349,7 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<u
   return sample_pending_;
 }
 
-void IpfixSession::ClearStash() {
-  for (size_t slot = 1; slot < kCounterTemplateSlots && stashed_slots_ != 0; ++slot) {
-    stash_[slot].present = false;
-    stashed_slots_ &= ~(1u << slot);
-  }
-}
+void IpfixSession::ClearStash() { stashed_slots_ = 0; }
 
 // Whether a fragment numbered number can join the pending sample: sent
 // after its first record (records of one message share a message number,
@@ -397,7 +392,6 @@ void IpfixSession::AbsorbStash() {
     const int32_t after_first = entry.number ? static_cast<int32_t>(*entry.number - span_low_) : 0;
     if (!entry.number || after_first < -static_cast<int32_t>(RecordHistory::kSize)) {
       // Far older than this sample: its own sample is gone.
-      entry.present = false;
       stashed_slots_ &= ~bit;
       continue;
     }
@@ -407,17 +401,12 @@ void IpfixSession::AbsorbStash() {
     // before that record in the message: an earlier sample's.
     if (after_first <= 0 || (received_slots_ & bit) != 0 || !Joinable(slot, *entry.number)) continue;
     AddToSample(slot, entry.bytes.data(), entry.bytes.size(), entry.number);
-    entry.present = false;
     stashed_slots_ &= ~bit;
   }
 }
 
 void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
-  if (!number) {
-    span_known_ = false;
-  } else if (span_known_) {
-    if (static_cast<int32_t>(*number - span_high_) > 0) span_high_ = *number;
-  }
+  if (!number) span_known_ = false;
   received_slots_ |= 1u << slot;
   const uint64_t bytes = plans_[slot].counter_bytes;
   uint8_t* dest = pending_slot_ + value_offsets_[slot];
@@ -428,7 +417,6 @@ void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, s
 
 void IpfixSession::Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
   StashedFragment& entry = stash_[slot];
-  entry.present = true;
   entry.number = number;
   entry.bytes.assign(record, record + len);
   stashed_slots_ |= 1u << slot;
@@ -466,7 +454,6 @@ void IpfixSession::Park(bool older) {
   parked_.received_slots = received_slots_;
   parked_.expected_slots = expected_slots_;
   parked_.span_low = span_low_;
-  parked_.span_high = span_high_;
   parked_.contiguous = contiguous_;
   parked_.span_known = span_known_;
   parked_.values.assign(pending_slot_, pending_slot_ + total_value_bytes_);
@@ -480,7 +467,6 @@ void IpfixSession::ExchangeWithParked() {
   std::swap(received_slots_, parked_.received_slots);
   std::swap(expected_slots_, parked_.expected_slots);
   std::swap(span_low_, parked_.span_low);
-  std::swap(span_high_, parked_.span_high);
   std::swap(contiguous_, parked_.contiguous);
   std::swap(span_known_, parked_.span_known);
   std::swap(pending_seconds_, parked_.seconds);
@@ -545,7 +531,6 @@ void IpfixSession::Unpark() {
   received_slots_ = parked_.received_slots;
   expected_slots_ = parked_.expected_slots;
   span_low_ = parked_.span_low;
-  span_high_ = parked_.span_high;
   contiguous_ = parked_.contiguous;
   span_known_ = parked_.span_known;
   while (span_known_ && history_.Seen(contiguous_ + 1)) ++contiguous_;

@@ -37,12 +37,4 @@ void SequenceTracker::BeginMessage(uint32_t sequence_number) {
   records_ = 0;
 }
 
-bool RecordHistory::AllSeen(uint32_t low, uint32_t high) const {
-  if (high - low >= kSize) return false;
-  for (uint32_t n = low;; ++n) {
-    if (seen_[n % kSize] != n) return false;
-    if (n == high) return true;
-  }
-}
-
 }  // namespace dtl::ipfix

@@ -3,9 +3,9 @@
 // IPFIX rule), every message, or not at all (a constant). SequenceTracker
 // learns which one a session's exporter uses from consecutive messages and
 // numbers each data record accordingly; RecordHistory remembers the recent
-// numbers, so that a sample can be checked for a missing number between its
-// first and its last fragment: the evidence that a lost record may have let
-// another sample's fragment into this one.
+// numbers, so that a fragment can be checked for a missing number between
+// its sample's first record and itself: the evidence that a lost record may
+// have let another sample's fragment in.
 #pragma once
 
 #include <cstdint>
@@ -61,9 +61,6 @@ class RecordHistory {
 
   void Note(uint32_t number) { seen_[number % kSize] = number; }
   bool Seen(uint32_t number) const { return seen_[number % kSize] == number; }
-  // Every number from low to high (inclusive, wrapping) was noted, and the
-  // range is short enough to be remembered whole.
-  bool AllSeen(uint32_t low, uint32_t high) const;
 
  private:
   // seen_[n % kSize] == n when n was noted; the initial values match nothing.
