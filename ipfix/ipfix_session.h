@@ -249,12 +249,16 @@ class IpfixSession {
   // been seen; only fragments numbered in that run join the sample.
   uint32_t contiguous_ = 0;
 
-  // Fragments that arrived before the first record of their sample.
+  // Fragments that arrived before the first record of their sample. Two
+  // per template: a reordered message can bring the next sample's fragment
+  // ahead of the late one of an older sample for the same template.
   struct StashedFragment {
+    bool used = false;
     std::optional<uint32_t> number;
     std::vector<uint8_t> bytes;
   };
-  std::array<StashedFragment, kCounterTemplateSlots> stash_;
+  static constexpr size_t kStashDepth = 2;
+  std::array<std::array<StashedFragment, kStashDepth>, kCounterTemplateSlots> stash_;
   // A second sample beside the one in the sink's block: either a newer one
   // set aside while an older one, whose first record came late, is
   // assembled in the block (older false), or an older one still waiting for

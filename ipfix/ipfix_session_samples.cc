@@ -1,6 +1,7 @@
 // Counter samples: extraction plans, the fragment layout of a sample, the
 // assembly of up to 32 fragments into one slot lent by the sink, and the
 // byte-swap of the counters straight into that slot.
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -282,7 +283,13 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<u
   // blocks stay in time order and neither is lost to the reordering.
   // An older sample that waited beside the pending one had its chance.
   if (parked_.active && parked_.older) parked_.active = false;
-  const bool checkable = sample_pending_ && span_checked_ && span_known_ && number && !parked_.active;
+  // A late older sample in the block had its chance: the newer one set
+  // aside comes back, and is judged below like any pending sample.
+  if (sample_pending_ && parked_.active) {
+    DropPendingSample();
+    Unpark();
+  }
+  const bool checkable = sample_pending_ && span_checked_ && span_known_ && number;
   const bool older = checkable && static_cast<int32_t>(*number - span_low_) < 0;
   // A newer sample while records before it are still missing: the pending
   // one may yet get its late fragment, and waits beside.
@@ -291,9 +298,6 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<u
     Park(false);
   } else if (waiting) {
     Park(true);
-  } else if (sample_pending_ && parked_.active) {
-    DropPendingSample();
-    Unpark();
   }
   if (sample_pending_) {
     DTL_LOG_DEBUG("[IPFIX session] Session %s: discarding incomplete sample (%d of %d fragments)",
@@ -388,20 +392,36 @@ void IpfixSession::AbsorbStash() {
   for (size_t slot = 1; slot < kCounterTemplateSlots && stashed_slots_ != 0; ++slot) {
     const uint32_t bit = 1u << slot;
     if ((stashed_slots_ & bit) == 0) continue;
-    StashedFragment& entry = stash_[slot];
-    const int32_t after_first = entry.number ? static_cast<int32_t>(*entry.number - span_low_) : 0;
-    if (!entry.number || after_first < -static_cast<int32_t>(RecordHistory::kSize)) {
-      // Far older than this sample: its own sample is gone.
-      stashed_slots_ &= ~bit;
-      continue;
+    // Of the fragments waiting for this template, the first one sent after
+    // this sample's first record is the sample's own.
+    StashedFragment* best = nullptr;
+    int32_t best_after = 0;
+    bool left = false;
+    for (StashedFragment& entry : stash_[slot]) {
+      if (!entry.used) continue;
+      const int32_t after_first = entry.number ? static_cast<int32_t>(*entry.number - span_low_) : 0;
+      if (!entry.number || after_first < -static_cast<int32_t>(RecordHistory::kSize)) {
+        // Far older than this sample: its own sample is gone.
+        entry.used = false;
+        continue;
+      }
+      left = true;
+      // Sent before this sample's first record (it may be for a sample whose
+      // first record is late), behind a gap, or after this sample's own.
+      // A stashed fragment with the first record's own message number came
+      // before that record in the message: an earlier sample's.
+      if (after_first <= 0 || (received_slots_ & bit) != 0 || !Joinable(slot, *entry.number)) continue;
+      if (best == nullptr || after_first < best_after) {
+        best = &entry;
+        best_after = after_first;
+      }
     }
-    // Sent before this sample's first record (it may be for a sample whose
-    // first record is late), behind a gap, or after this sample's own.
-    // A stashed fragment with the first record's own message number came
-    // before that record in the message: an earlier sample's.
-    if (after_first <= 0 || (received_slots_ & bit) != 0 || !Joinable(slot, *entry.number)) continue;
-    AddToSample(slot, entry.bytes.data(), entry.bytes.size(), entry.number);
-    stashed_slots_ &= ~bit;
+    if (best != nullptr) {
+      AddToSample(slot, best->bytes.data(), best->bytes.size(), best->number);
+      best->used = false;
+      left = std::any_of(stash_[slot].begin(), stash_[slot].end(), [](const StashedFragment& e) { return e.used; });
+    }
+    if (!left) stashed_slots_ &= ~bit;
   }
 }
 
@@ -416,7 +436,20 @@ void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, s
 }
 
 void IpfixSession::Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
-  StashedFragment& entry = stash_[slot];
+  // A free entry, else the one sent earliest gives way.
+  std::array<StashedFragment, kStashDepth>& entries = stash_[slot];
+  if ((stashed_slots_ & (1u << slot)) == 0)
+    for (StashedFragment& e : entries) e.used = false;
+  StashedFragment* target = &entries[0];
+  for (StashedFragment& e : entries) {
+    if (!e.used) {
+      target = &e;
+      break;
+    }
+    if (!target->number || (e.number && static_cast<int32_t>(*e.number - *target->number) < 0)) target = &e;
+  }
+  StashedFragment& entry = *target;
+  entry.used = true;
   entry.number = number;
   entry.bytes.assign(record, record + len);
   stashed_slots_ |= 1u << slot;

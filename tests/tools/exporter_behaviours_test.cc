@@ -387,7 +387,8 @@ INSTANTIATE_TEST_SUITE_P(Loopback, Behaviours,
                                            BehaviourCase{"TwoFragmentsPerMessageWithLoss", kTwoPerMessage, 2, true},
                                            BehaviourCase{"ReorderedFragmentsWithLoss", kReordered, 1, true},
                                            BehaviourCase{"PackedInterleavedMessageNumbersWithLoss",
-                                                         kPackedInterleavedMessageNumbers, 2, true}),
+                                                         kPackedInterleavedMessageNumbers, 2, true},
+                                           BehaviourCase{"AllTogetherWithLoss", kEverything, 2, true}),
                          [](const ::testing::TestParamInfo<BehaviourCase>& info) { return info.param.name; });
 
 // The highest counter template withdrawn mid-stream: the samples before it
