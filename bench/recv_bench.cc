@@ -3,6 +3,8 @@
 // samples at a fixed datagram rate into one receiving side at a time:
 //
 //   floor    a bare recvmmsg sink that only counts (the kernel's floor)
+//   floor-src  the same, also asking for each datagram's source address,
+//            which any collector needs to keep its exporters apart
 //   decode   the collector's receiver, one worker decoding and assembling
 //            every sample into a scratch block (nothing stored)
 //   store    the collector's receiver with the real disk writer storing
@@ -24,6 +26,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <boost/filesystem.hpp>
@@ -137,7 +140,9 @@ class CountingSink final : public dtl::ipfix::IpfixSessionSink {
 // recvmmsg into preallocated slots, and nothing but counting.
 class BareSink {
  public:
-  BareSink(uint16_t port, uint64_t recv_buffer) : slots_(256 * 65600) {
+  // With sources, each datagram's source address is asked for too, as any
+  // collector must to tell its exporters apart.
+  BareSink(uint16_t port, uint64_t recv_buffer, bool sources) : slots_(256 * 65600), sources_(sources) {
     fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     int one = 1, zero = 0;
     const int size = static_cast<int>(recv_buffer);
@@ -157,6 +162,7 @@ class BareSink {
       msgs_[i] = {};
       msgs_[i].msg_hdr.msg_iov = &iov_[i];
       msgs_[i].msg_hdr.msg_iovlen = 1;
+      if (sources_) msgs_[i].msg_hdr.msg_name = &addresses_[i];
     }
     thread_ = std::thread([this] { Loop(); });
   }
@@ -171,6 +177,8 @@ class BareSink {
   void Loop() {
     uint32_t backoff = 20;
     while (running_) {
+      if (sources_)
+        for (mmsghdr& m : msgs_) m.msg_hdr.msg_namelen = sizeof(sockaddr_in6);
       int n = recvmmsg(fd_, msgs_.data(), 256, MSG_DONTWAIT, nullptr);
       if (n > 0) {
         received_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
@@ -186,6 +194,8 @@ class BareSink {
   std::vector<uint8_t> slots_;
   std::array<iovec, 256> iov_{};
   std::array<mmsghdr, 256> msgs_{};
+  std::array<sockaddr_in6, 256> addresses_{};
+  bool sources_ = false;
   std::atomic<bool> running_{true};
   std::atomic<uint64_t> received_{0};
   std::thread thread_;
@@ -276,7 +286,12 @@ dtl::ipfix::IpfixReceiver::Config ReceiverConfig(const Options& o) {
 }
 
 Outcome RunFloor(const Options& o, uint64_t rate) {
-  BareSink sink(o.port, o.recv_buffer);
+  BareSink sink(o.port, o.recv_buffer, false);
+  return Measure(o, rate, [&] { return sink.received(); }, CpuSeconds);
+}
+
+Outcome RunFloorWithSources(const Options& o, uint64_t rate) {
+  BareSink sink(o.port, o.recv_buffer, true);
   return Measure(o, rate, [&] { return sink.received(); }, CpuSeconds);
 }
 
@@ -408,6 +423,12 @@ void Print(const std::string& name, uint64_t rate, const Outcome& r) {
   std::fflush(stdout);
 }
 
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n == 0 ? 0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
 std::vector<std::string> SplitList(const char* text) {
   std::vector<std::string> out;
   std::stringstream in(text);
@@ -420,6 +441,7 @@ std::vector<std::string> SplitList(const char* text) {
 
 int main(int argc, char** argv) {
   Options o;
+  unsigned long rounds = 1;
   static const option longopts[] = {{"rate", required_argument, nullptr, 'r'},
                                     {"seconds", required_argument, nullptr, 's'},
                                     {"port", required_argument, nullptr, 'p'},
@@ -429,9 +451,10 @@ int main(int argc, char** argv) {
                                     {"direct-io", required_argument, nullptr, 'o'},
                                     {"recv-buffer", required_argument, nullptr, 'b'},
                                     {"flush-idle-ms", required_argument, nullptr, 'f'},
+                                    {"rounds", required_argument, nullptr, 'n'},
                                     {"help", no_argument, nullptr, 'h'},
                                     {nullptr, 0, nullptr, 0}};
-  for (int c; (c = getopt_long(argc, argv, "r:s:p:i:k:d:o:b:f:h", longopts, nullptr)) != -1;) {
+  for (int c; (c = getopt_long(argc, argv, "r:s:p:i:k:d:o:b:f:n:h", longopts, nullptr)) != -1;) {
     switch (c) {
       case 'r':
         o.rates.clear();
@@ -445,16 +468,20 @@ int main(int argc, char** argv) {
       case 'o': o.direct_io = std::strtoul(optarg, nullptr, 10) != 0; break;
       case 'b': o.recv_buffer = std::strtoull(optarg, nullptr, 10); break;
       case 'f': o.flush_idle_ms = static_cast<uint32_t>(std::strtoul(optarg, nullptr, 10)); break;
+      case 'n': rounds = std::max<unsigned long>(1, std::strtoul(optarg, nullptr, 10)); break;
       default:
         std::printf(
             "usage: %s [--rate R1,R2,...] [--seconds S] [--port P] [--interfaces N]\n"
-            "          [--sinks floor,decode,store,nfcapd] [--data-dir DIR] [--direct-io 0|1]\n"
-            "          [--recv-buffer BYTES] [--flush-idle-ms MS]\n"
+            "          [--sinks floor,floor-src,decode,store,nfcapd] [--data-dir DIR] [--direct-io 0|1]\n"
+            "          [--recv-buffer BYTES] [--flush-idle-ms MS] [--rounds N]\n"
             "Streams hft-sim over loopback into each receiving side in turn: a bare recvmmsg\n"
-            "sink (floor), the collector's receiver decoding only (decode), the receiver with\n"
+            "sink (floor), the same asking for source addresses (floor-src), the collector's receiver decoding only (decode), the receiver with\n"
             "the disk writer storing under a temporary directory in DIR (store), nfcapd.\n"
             "Prints drops, offered rate and CPU per datagram. With several rates each side\n"
-            "is tried at the rates in order until one loses datagrams or samples.\n",
+            "is tried at the rates in order until one loses datagrams or samples. With N\n"
+            "rounds the sides take turns N times and the medians are printed at the end:\n"
+            "the kernel's share of the cost varies from run to run by more than the\n"
+            "receiver's own.\n",
             argv[0]);
         return c == 'h' ? 0 : 2;
     }
@@ -464,42 +491,70 @@ int main(int argc, char** argv) {
               " counter templates, one fragment per datagram, receive buffer %" PRIu64 " B\n",
               o.seconds, o.interfaces, CounterTemplates(o), o.recv_buffer);
 
-  std::map<uint64_t, double> floor_per;  // CPU per datagram of the floor by rate
-  for (const std::string& sink : o.sinks) {
-    std::function<Outcome(const Options&, uint64_t)> run;
-    if (sink == "floor") run = RunFloor;
-    else if (sink == "decode" || sink == "collector") run = RunDecode;
-    else if (sink == "store") run = RunStore;
-    else if (sink == "nfcapd") run = RunNfcapd;
-    else {
-      std::fprintf(stderr, "unknown sink %s\n", sink.c_str());
-      return 2;
-    }
-    uint64_t best = 0;
-    double best_offered = 0;
-    bool sender_limited = false;
-    for (uint64_t rate : o.rates) {
-      const Outcome r = run(o, rate);
-      Print(sink, rate, r);
-      if (!r.error.empty() || Missing(r) != 0) break;
-      best = rate;
-      best_offered = r.sent.elapsed_sec > 0 ? static_cast<double>(r.sent.datagrams) / r.sent.elapsed_sec : 0;
-      // hft-sim shares the machine: a rate it cannot offer says nothing
-      // about the receiving side, so stepping stops there.
-      if (best_offered < 0.97 * static_cast<double>(rate)) {
-        sender_limited = true;
-        std::printf("%-7s rate=%" PRIu64 " sender offered only %.0f dgram/s\n", sink.c_str(), rate, best_offered);
+  // CPU per datagram and ratio to the same round's floor, by side and rate.
+  std::map<std::pair<std::string, uint64_t>, std::vector<double>> per_dgram, ratios;
+  for (unsigned long round = 0; round < rounds; ++round) {
+    if (rounds > 1) std::printf("round %lu of %lu\n", round + 1, rounds);
+    // CPU per datagram of each floor by rate.
+    std::map<std::string, std::map<uint64_t, double>> floors;
+    for (const std::string& sink : o.sinks) {
+      std::function<Outcome(const Options&, uint64_t)> run;
+      if (sink == "floor")
+        run = RunFloor;
+      else if (sink == "floor-src")
+        run = RunFloorWithSources;
+      else if (sink == "decode" || sink == "collector")
+        run = RunDecode;
+      else if (sink == "store")
+        run = RunStore;
+      else if (sink == "nfcapd")
+        run = RunNfcapd;
+      else {
+        std::fprintf(stderr, "unknown sink %s\n", sink.c_str());
+        return 2;
       }
-      if (sink == "floor") floor_per[rate] = CpuPerDatagramUs(r);
-      else if (floor_per[rate] > 0)
-        std::printf("%-7s rate=%" PRIu64 " cpu ratio %s/floor = %.3f\n", sink.c_str(), rate, sink.c_str(),
-                    CpuPerDatagramUs(r) / floor_per[rate]);
-      if (sender_limited) break;
+      uint64_t best = 0;
+      double best_offered = 0;
+      bool sender_limited = false;
+      for (uint64_t rate : o.rates) {
+        const Outcome r = run(o, rate);
+        Print(sink, rate, r);
+        if (!r.error.empty() || Missing(r) != 0) break;
+        best = rate;
+        best_offered = r.sent.elapsed_sec > 0 ? static_cast<double>(r.sent.datagrams) / r.sent.elapsed_sec : 0;
+        // hft-sim shares the machine: a rate it cannot offer says nothing
+        // about the receiving side, so stepping stops there.
+        if (best_offered < 0.97 * static_cast<double>(rate)) {
+          sender_limited = true;
+          std::printf("%-7s rate=%" PRIu64 " sender offered only %.0f dgram/s\n", sink.c_str(), rate, best_offered);
+        }
+        per_dgram[{sink, rate}].push_back(CpuPerDatagramUs(r));
+        if (sink.rfind("floor", 0) == 0) {
+          floors[sink][rate] = CpuPerDatagramUs(r);
+        } else {
+          for (auto& [floor, per] : floors) {
+            if (per[rate] <= 0) continue;
+            const double ratio = CpuPerDatagramUs(r) / per[rate];
+            ratios[{sink + "/" + floor, rate}].push_back(ratio);
+            std::printf("%-7s rate=%" PRIu64 " cpu ratio %s/%s = %.3f\n", sink.c_str(), rate, sink.c_str(),
+                        floor.c_str(), ratio);
+          }
+        }
+        if (sender_limited) break;
+      }
+      if (o.rates.size() > 1)
+        std::printf("%-7s highest rate without loss: %s%" PRIu64 " dgram/s requested, %.0f offered%s\n", sink.c_str(),
+                    sender_limited ? ">= " : "", best, best_offered, sender_limited ? " (sender limit)" : "");
     }
-    if (o.rates.size() > 1)
-      std::printf("%-7s highest rate without loss: %s%" PRIu64 " dgram/s requested, %.0f offered%s\n",
-                  sink.c_str(), sender_limited ? ">= " : "", best, best_offered,
-                  sender_limited ? " (sender limit)" : "");
+  }
+  if (rounds > 1) {
+    for (auto& [side, values] : per_dgram) {
+      std::printf("median  %-9s rate=%" PRIu64 " cpu_per_dgram=%.3f us over %zu rounds\n", side.first.c_str(),
+                  side.second, Median(values), values.size());
+    }
+    for (auto& [pair, r] : ratios)
+      std::printf("median  ratio %s rate=%" PRIu64 " = %.3f (min %.3f, max %.3f)\n", pair.first.c_str(),
+                  pair.second, Median(r), *std::min_element(r.begin(), r.end()), *std::max_element(r.begin(), r.end()));
   }
   return 0;
 }

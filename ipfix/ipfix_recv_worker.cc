@@ -266,8 +266,19 @@ void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sock
   }
   Bump(parsed_, 1);
 
-  const SessionKey key = IpfixReceiver::MakeSessionKey(from, header.observation_domain_id);
-  IpfixSession* session = FindOrCreateSession(key, now_ns);
+  // Datagrams of one exporter come in runs. The key is built from narrow
+  // stores, and comparing it right away as whole words stalls on them; the
+  // socket address was written long before.
+  IpfixSession* session = last_session_;
+  if (session == nullptr || from.sin6_port != last_port_ || header.observation_domain_id != last_domain_ ||
+      std::memcmp(&from.sin6_addr, &last_address_, sizeof(in6_addr)) != 0) {
+    session = FindOrCreateSession(IpfixReceiver::MakeSessionKey(from, header.observation_domain_id), now_ns);
+    if (session != nullptr) {
+      last_address_ = from.sin6_addr;
+      last_port_ = from.sin6_port;
+      last_domain_ = header.observation_domain_id;
+    }
+  }
   if (session == nullptr) {
     ++refused_count_;
     if (refused_count_ % 256 == 1)

@@ -132,6 +132,11 @@ class IpfixRecvWorker {
   // The session found last; null after any change that may erase it.
   SessionKey last_key_{};
   IpfixSession* last_session_ = nullptr;
+  // The last session's exporter as the socket reports it: a datagram from
+  // it finds the session without a key being built and compared.
+  in6_addr last_address_{};
+  uint16_t last_port_ = 0;
+  uint32_t last_domain_ = 0;
   std::atomic<uint64_t> sessions_count_{0};
   // Datagrams refused for a full table; only every 256th is logged.
   unsigned long long refused_count_ = 0;

@@ -171,12 +171,12 @@ class IpfixSession {
                              size_t max_bytes, uint32_t* seconds, uint32_t* nanoseconds) const;
   // Every record of a counter set, each one fragment of a sample.
   void ProcessCounterSet(size_t slot, const uint8_t* body, size_t len);
-  void AcceptFragment(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  void AcceptFragment(size_t slot, const uint8_t* record, size_t len, RecordNumber number);
   // Opens a sample with a record of the first counter template.
-  bool OpenSample(const uint8_t* record, size_t len, std::optional<uint32_t> number);
-  void AddToSample(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  bool OpenSample(const uint8_t* record, size_t len, RecordNumber number);
+  void AddToSample(size_t slot, const uint8_t* record, size_t len, RecordNumber number);
   // Keeps a fragment that came before its sample's first record.
-  void Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number);
+  void Stash(size_t slot, const uint8_t* record, size_t len, RecordNumber number);
   void CompleteIfWhole();
   void Commit();
   void Park(bool older);
@@ -197,7 +197,7 @@ class IpfixSession {
   bool SeenOwnBefore(size_t slot, uint32_t number) const;
   bool Joinable(size_t slot, uint32_t number) const;
   // Numbers a data record (descriptive ones too) and remembers the number.
-  std::optional<uint32_t> NumberRecord();
+  RecordNumber NumberRecord();
   void NumberDescriptiveRecords(const ParsedTemplate& tmpl, const uint8_t* body, size_t len);
   void DropPendingSample();
   bool HasActiveSink() const;
@@ -254,7 +254,7 @@ class IpfixSession {
   // ahead of the late one of an older sample for the same template.
   struct StashedFragment {
     bool used = false;
-    std::optional<uint32_t> number;
+    RecordNumber number;
     std::vector<uint8_t> bytes;
   };
   static constexpr size_t kStashDepth = 2;

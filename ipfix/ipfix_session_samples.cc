@@ -189,8 +189,8 @@ size_t IpfixSession::ExtractFieldByField(size_t slot, const uint8_t* data, size_
 // sample is open, a template seen twice ends the sample, and a lost last
 // fragment followed by a lost first record of the next sample in the same
 // slots cannot be told from a whole sample.
-std::optional<uint32_t> IpfixSession::NumberRecord() {
-  const std::optional<uint32_t> number = sequence_.NextRecord();
+RecordNumber IpfixSession::NumberRecord() {
+  const RecordNumber number = sequence_.NextRecord();
   if (!number) return number;
   history_.Note(*number);
   // Waiting fragments join only after this record itself was placed: it
@@ -234,7 +234,7 @@ void IpfixSession::ProcessCounterSet(size_t slot, const uint8_t* body, size_t le
     }
     // What is left after whole records is the set's padding.
     if (record_length == 0) break;
-    const std::optional<uint32_t> number = NumberRecord();
+    const RecordNumber number = NumberRecord();
     if (store) AcceptFragment(slot, body + offset, record_length, number);
     if (number) {
       last_number_[slot] = *number;
@@ -246,7 +246,7 @@ void IpfixSession::ProcessCounterSet(size_t slot, const uint8_t* body, size_t le
 }
 
 void IpfixSession::AcceptFragment(size_t slot, const uint8_t* record, size_t len,
-                                  std::optional<uint32_t> number) {
+                                  RecordNumber number) {
   if (slot == 0) {
     if (OpenSample(record, len, number)) CompleteIfWhole();
     return;
@@ -277,7 +277,7 @@ void IpfixSession::AcceptFragment(size_t slot, const uint8_t* record, size_t len
   if (sequence_.informative()) Stash(slot, record, len, number);
 }
 
-bool IpfixSession::OpenSample(const uint8_t* record, size_t len, std::optional<uint32_t> number) {
+bool IpfixSession::OpenSample(const uint8_t* record, size_t len, RecordNumber number) {
   // The first record of an older sample, late behind a newer one: the newer
   // one steps aside until the older one is complete or given up, so that
   // blocks stay in time order and neither is lost to the reordering.
@@ -425,7 +425,7 @@ void IpfixSession::AbsorbStash() {
   }
 }
 
-void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
+void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, RecordNumber number) {
   if (!number) span_known_ = false;
   received_slots_ |= 1u << slot;
   const uint64_t bytes = plans_[slot].counter_bytes;
@@ -435,7 +435,7 @@ void IpfixSession::AddToSample(size_t slot, const uint8_t* record, size_t len, s
   if (written < bytes) std::memset(dest + written, 0, bytes - written);
 }
 
-void IpfixSession::Stash(size_t slot, const uint8_t* record, size_t len, std::optional<uint32_t> number) {
+void IpfixSession::Stash(size_t slot, const uint8_t* record, size_t len, RecordNumber number) {
   // A free entry, else the one sent earliest gives way.
   std::array<StashedFragment, kStashDepth>& entries = stash_[slot];
   if ((stashed_slots_ & (1u << slot)) == 0)
@@ -514,7 +514,7 @@ bool IpfixSession::OfferToParked(size_t slot, const uint8_t* record, size_t len,
   sample_pending_ = true;
   while (span_known_ && history_.Seen(contiguous_ + 1)) ++contiguous_;
   const bool took = (received_slots_ & (1u << slot)) == 0 && Joinable(slot, number);
-  if (took) AddToSample(slot, record, len, number);
+  if (took) AddToSample(slot, record, len, RecordNumber(number));
   const bool whole = took && span_known_ && received_slots_ == expected_slots_;
   ExchangeWithParked();
   sample_pending_ = pending;

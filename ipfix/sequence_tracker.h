@@ -9,9 +9,24 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 namespace dtl::ipfix {
+
+// A data record's number, or none when the numbering gives records none.
+// One 64-bit word: it is passed along every record, and an optional's value
+// and flag, stored apart and read back as one word, stall the store buffer.
+class RecordNumber {
+ public:
+  constexpr RecordNumber() = default;
+  constexpr explicit RecordNumber(uint32_t number) : bits_(number) {}
+  constexpr explicit operator bool() const { return bits_ != kNone; }
+  constexpr bool has_value() const { return bits_ != kNone; }
+  constexpr uint32_t operator*() const { return static_cast<uint32_t>(bits_); }
+
+ private:
+  static constexpr uint64_t kNone = UINT64_MAX;
+  uint64_t bits_ = kNone;
+};
 
 class SequenceTracker {
  public:
@@ -30,11 +45,11 @@ class SequenceTracker {
   // The number of the current message's next data record, when the learnt
   // numbering gives records numbers (record numbering: message number +
   // position; message numbering: the message's number). Advances.
-  std::optional<uint32_t> NextRecord() {
+  RecordNumber NextRecord() {
     const uint32_t position = records_++;
-    if (numbering_ == Numbering::kPerRecord && countable_ && in_message_) return sequence_ + position;
-    if (numbering_ == Numbering::kPerMessage && in_message_) return sequence_;
-    return std::nullopt;
+    if (numbering_ == Numbering::kPerRecord && countable_ && in_message_) return RecordNumber(sequence_ + position);
+    if (numbering_ == Numbering::kPerMessage && in_message_) return RecordNumber(sequence_);
+    return RecordNumber();
   }
 
   Numbering numbering() const { return numbering_; }
