@@ -95,7 +95,9 @@ bool DataFileReader::Open(const std::string& path, std::string* error) {
     warnings_.push_back("file cut short: header says " + std::to_string(header_.file_size) +
                         " bytes, the file has " + std::to_string(actual));
   }
-  block_.resize(header_.block_size);
+  // The header's block size is only trusted as far as the file holds a
+  // block of it: a damaged header must not cost gigabytes of memory.
+  if (block_count_ > 0) block_.resize(header_.block_size);
   return true;
 }
 
