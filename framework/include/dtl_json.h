@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -18,6 +19,10 @@ using value = nlohmann::ordered_json;
 std::string serialize_pretty(const value& v);
 // Compact text: no blanks at all.
 std::string serialize_compact(const value& v);
+
+// Both forms leave out text that is not valid UTF-8 (see json_serializer.cc);
+// this is the test they apply.
+bool is_valid_utf8(std::string_view text);
 
 }  // namespace dtl::json
 

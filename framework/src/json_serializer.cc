@@ -7,7 +7,12 @@
 // Values the reference layout cannot hold are written as:
 //   - NaN and infinities: null (the text stays valid JSON);
 //   - binary values: an array of the byte values;
-//   - discarded values: null.
+//   - discarded values: null;
+//   - text that is not valid UTF-8: the reference library cannot hold such
+//     a string at all (creating it fails), so an object member whose key or
+//     string value is invalid, and an array element that is an invalid
+//     string, are left out; an invalid string on its own is written as null.
+//     The output is therefore always valid JSON in UTF-8.
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -56,6 +61,13 @@ struct EscapeTable {
 };
 
 constexpr EscapeTable kEscapes;
+
+bool IsContinuation(unsigned char c) { return (c & 0xC0) == 0x80; }
+
+// Whether the value would reach the text: invalid strings are left out.
+bool Writable(const value& v) {
+  return !v.is_string() || is_valid_utf8(v.get_ref<const value::string_t&>());
+}
 
 void AppendString(std::string& out, std::string_view s) {
   out.push_back('"');
@@ -108,24 +120,25 @@ template <bool kPretty>
 void AppendValue(std::string& out, const value& v, int level);
 
 // Arrays and objects share the layout: opening bracket, members one per
-// line in the pretty form, "," between them, closing bracket on its own line.
-template <bool kPretty, typename Range, typename Member>
-void AppendContainer(std::string& out, const Range& range, size_t count, char open, char close,
-                     int level, Member&& member) {
+// line in the pretty form, "," between them, closing bracket on its own line;
+// a container whose members are all left out is written empty.
+template <bool kPretty, typename Range, typename Keep, typename Member>
+void AppendContainer(std::string& out, const Range& range, char open, char close, int level,
+                     Keep&& keep, Member&& member) {
   out.push_back(open);
-  if (count == 0) {
-    out.push_back(close);
-    return;
-  }
-  if constexpr (kPretty) out.push_back('\n');
-  size_t i = 0;
-  for (auto it = range.begin(); it != range.end(); ++it, ++i) {
+  bool first = true;
+  for (auto it = range.begin(); it != range.end(); ++it) {
+    if (!keep(it)) continue;
+    if (!first) out.push_back(',');
+    first = false;
+    if constexpr (kPretty) out.push_back('\n');
     AppendIndent<kPretty>(out, level + 1);
     member(it);
-    if (i + 1 < count) out.push_back(',');
-    if constexpr (kPretty) out.push_back('\n');
   }
-  AppendIndent<kPretty>(out, level);
+  if (!first) {
+    if constexpr (kPretty) out.push_back('\n');
+    AppendIndent<kPretty>(out, level);
+  }
   out.push_back(close);
 }
 
@@ -134,18 +147,22 @@ void AppendValue(std::string& out, const value& v, int level) {
   switch (v.type()) {
     case value::value_t::object: {
       const auto& object = v.get_ref<const value::object_t&>();
-      AppendContainer<kPretty>(out, object, object.size(), '{', '}', level, [&](auto it) {
-        AppendString(out, it->first);
-        out.push_back(':');
-        if constexpr (kPretty) out.push_back(' ');
-        AppendValue<kPretty>(out, it->second, level + 1);
-      });
+      AppendContainer<kPretty>(
+          out, object, '{', '}', level,
+          [](auto it) { return is_valid_utf8(it->first) && Writable(it->second); },
+          [&](auto it) {
+            AppendString(out, it->first);
+            out.push_back(':');
+            if constexpr (kPretty) out.push_back(' ');
+            AppendValue<kPretty>(out, it->second, level + 1);
+          });
       break;
     }
     case value::value_t::array: {
       const auto& array = v.get_ref<const value::array_t&>();
-      AppendContainer<kPretty>(out, array, array.size(), '[', ']', level,
-                               [&](auto it) { AppendValue<kPretty>(out, *it, level + 1); });
+      AppendContainer<kPretty>(
+          out, array, '[', ']', level, [](auto it) { return Writable(*it); },
+          [&](auto it) { AppendValue<kPretty>(out, *it, level + 1); });
       break;
     }
     case value::value_t::string:
@@ -165,8 +182,9 @@ void AppendValue(std::string& out, const value& v, int level) {
       break;
     case value::value_t::binary: {
       const auto& bytes = v.get_binary();
-      AppendContainer<kPretty>(out, bytes, bytes.size(), '[', ']', level,
-                               [&](auto it) { AppendNumber(out, static_cast<double>(*it)); });
+      AppendContainer<kPretty>(
+          out, bytes, '[', ']', level, [](auto) { return true; },
+          [&](auto it) { AppendNumber(out, static_cast<double>(*it)); });
       break;
     }
     case value::value_t::null:
@@ -183,11 +201,52 @@ std::string Serialize(const value& v) {
   // Most documents (REST bodies, schemas of a few hundred counters) fit
   // without a regrowth; larger ones grow geometrically.
   out.reserve(4096);
-  AppendValue<kPretty>(out, v, 0);
+  if (Writable(v))
+    AppendValue<kPretty>(out, v, 0);
+  else
+    out.append("null");
   return out;
 }
 
 }  // namespace
+
+// Strict UTF-8: no overlong forms, no surrogate halves, nothing above
+// U+10FFFF, no stray continuation bytes, no cut-off sequences.
+bool is_valid_utf8(std::string_view text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* const end = p + text.size();
+  while (p != end) {
+    const unsigned char c = *p;
+    if (c < 0x80) {
+      ++p;
+      continue;
+    }
+    size_t length;
+    uint32_t cp;
+    if (c >= 0xC2 && c <= 0xDF) {
+      length = 2;
+      cp = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      length = 3;
+      cp = c & 0x0F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      length = 4;
+      cp = c & 0x07;
+    } else {
+      return false;  // continuation byte, 0xC0/0xC1 (always overlong), 0xF5..0xFF
+    }
+    if (static_cast<size_t>(end - p) < length) return false;
+    for (size_t i = 1; i < length; ++i) {
+      if (!IsContinuation(p[i])) return false;
+      cp = (cp << 6) | (p[i] & 0x3F);
+    }
+    if ((length == 3 && cp < 0x800) || (length == 4 && cp < 0x10000) || cp > 0x10FFFF ||
+        (cp >= 0xD800 && cp <= 0xDFFF))
+      return false;
+    p += length;
+  }
+  return true;
+}
 
 std::string serialize_pretty(const value& v) { return Serialize<true>(v); }
 

@@ -4,6 +4,11 @@
 // The sink state is read by every logging thread without a lock, so it is
 // accessed through relaxed/acquire-release atomics; the host sets it up once
 // at start and the lazy initialisation is serialised by a guard.
+//
+// The initialisers themselves log (refusals, the thread-safety choice), and a
+// line logged while the level is still -1 asks for the lazy initialisation
+// again. A per-thread flag turns such nested requests into no-ops, so the
+// initialisation never waits on its own guard.
 #include "dtl_logger.h"
 
 #include <ctype.h>
@@ -28,6 +33,11 @@ dtl_log_func_t logger_func = nullptr;
 pthread_mutex_t* logger_mutex = nullptr;
 pthread_mutex_t logger_mutex_storage = PTHREAD_MUTEX_INITIALIZER;
 std::mutex lazy_init_guard;
+// Counts completed lazy initialisations (written under lazy_init_guard), so a
+// thread that waited on the guard can tell that another one did the work.
+uint64_t default_init_count = 0;
+// Set while this thread runs the lazy initialisation.
+thread_local bool initialising_default = false;
 
 template <typename T>
 T load(const T& v) {
@@ -39,6 +49,10 @@ void store(T& v, T value) {
 }
 
 bool registered() { return load(is_registered); }
+
+// -1 is reserved for "not initialised"; any negative level handed to the
+// logger from outside means that nothing is emitted.
+int32_t sanitised_level(int32_t level) { return level < 0 ? 0 : level; }
 
 // Decides whether stream lines are serialised: returns 1 when they will be.
 int init_logger_mutex() {
@@ -113,7 +127,10 @@ int _dtl_register_logger(const dtl_logger_ctx_t* ctx) {
       ctx->stream == load(logger_stream))
     return 1;
   store(logger_mutex, ctx->mutex);
-  store(dtl_log_level, ctx->level);
+  // A host may hand over a logger it never initialised (level -1). Keeping -1
+  // would send every line into the lazy initialisation, which a registered
+  // logger refuses, so such a logger is taken as switched off.
+  store(dtl_log_level, sanitised_level(ctx->level));
   store(is_registered, true);
   store(logger_kind, ctx->kind);
   if (ctx->kind == DTL_LOGGER_FUNC)
@@ -179,14 +196,31 @@ void dtl_close_logger(void) {
 }
 
 int __dtl_init_logger_default(void) {
+  // A line logged by the initialisation itself: the level is not settled yet,
+  // so the line is dropped rather than starting over.
+  if (initialising_default) return 0;
+  uint64_t seen = __atomic_load_n(&default_init_count, __ATOMIC_ACQUIRE);
   std::lock_guard<std::mutex> guard(lazy_init_guard);
-  // Another thread may have finished the initialisation while we waited.
-  if (load(dtl_log_level) != -1 && load(logger_stream) != nullptr) return 1;
+  // Several threads may have seen level -1 at once; the ones that queued
+  // behind the first keep its result. A call that did not wait for another
+  // initialisation (an explicit one) reads the environment again.
+  if (default_init_count != seen && load(dtl_log_level) != -1) return 1;
+  initialising_default = true;
   int level = 0;
   const char* text = dtl_getenv("DTL_API_LOG_LEVEL");
   int scanned = 0;
-  if (text != nullptr && sscanf(text, "%d", &scanned) == 1) level = scanned;
-  return dtl_init_stderr_logger(level);
+  if (text != nullptr && sscanf(text, "%d", &scanned) == 1) level = sanitised_level(scanned);
+  // The default sink is standard error: an explicit call after a file or
+  // syslog sink was set up releases that sink instead of leaking it.
+  uint32_t kind = load(logger_kind);
+  if (!registered() && (kind == DTL_LOGGER_FILE || kind == DTL_LOGGER_SYSLOG)) dtl_close_logger();
+  int result = dtl_init_stderr_logger(level);
+  // A registered logger refuses, and may have been left at -1 by its host:
+  // switch it off instead of retrying on every line.
+  if (result == 0 && load(dtl_log_level) == -1) store(dtl_log_level, static_cast<int32_t>(0));
+  __atomic_store_n(&default_init_count, default_init_count + 1, __ATOMIC_RELEASE);
+  initialising_default = false;
+  return result;
 }
 
 void _dtl_log(int level, const char* format, ...) {
@@ -199,7 +233,9 @@ void _dtl_log(int level, const char* format, ...) {
   }
   FILE* stream = load(logger_stream);
   if (stream == nullptr) {
-    dtl_init_stderr_logger(load(dtl_log_level));
+    // A registered logger cannot be re-initialised (and the refusal would log
+    // through here again); it simply gets standard error.
+    if (!registered()) dtl_init_stderr_logger(load(dtl_log_level));
     stream = load(logger_stream);
     // A registered logger without a stream still must not lose the line.
     if (stream == nullptr) stream = stderr;

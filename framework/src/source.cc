@@ -39,10 +39,11 @@ void copy_text(char* destination, size_t size, const char* source) {
   if (source != nullptr) memcpy(destination, source, strnlen(source, size - 1));
 }
 
-// DTL_SOURCE_ID (or its unprefixed form) wins over the host name.
+// DTL_SOURCE_ID wins over the host name. Only the prefixed name counts: a
+// bare SOURCE_ID is too generic a name to belong to this framework.
 bool default_identifier(char (&identifier)[DTL_SOURCE_ID_SIZE]) {
   memset(identifier, 0, sizeof identifier);
-  if (const char* env = dtl_getenv("DTL_SOURCE_ID"); env != nullptr) {
+  if (const char* env = getenv("DTL_SOURCE_ID"); env != nullptr) {
     copy_text(identifier, sizeof identifier, env);
     return true;
   }

@@ -357,6 +357,58 @@ TEST(SchemaJson, EmptySchemaAndOmittedMembers) {
   EXPECT_EQ(counter["name"], "odd");
 }
 
+class SchemaText : public LogCapture {};
+
+// Counter and group texts go into the schema's JSON document, so text that
+// is not UTF-8 is refused with one error line and never reaches the output.
+TEST_F(SchemaText, InvalidUtf8IsRefused) {
+  const char* const kBad[] = {"\xff", "ab\xc3", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"};
+  enum Field { kName, kDescription, kUnits };
+  for (const char* bad : kBad) {
+    for (Field field : {kName, kDescription, kUnits}) {
+      SCOPED_TRACE(testing::PrintToString(std::string(bad)) + " in field " +
+                   std::to_string(field));
+      g_log.clear();
+      dtl_counter_info_t counter = Counter("ok", DTL_DATA_TYPE_UINT64);
+      char** text[] = {&counter.name, &counter.description, &counter.units};
+      *text[field] = const_cast<char*>(bad);
+      SchemaPtr schema = SchemaOf({Counter("first", DTL_DATA_TYPE_UINT64)});
+      EXPECT_FALSE(dtl_add_counter_to_group(schema->groups[0], &counter));
+      EXPECT_EQ(g_log.size(), 1u);
+      EXPECT_EQ(schema->groups[0]->num_counters, 1u);
+    }
+    g_log.clear();
+    EXPECT_EQ(dtl_create_counter_group_no_provider(bad, nullptr), nullptr);
+    EXPECT_EQ(dtl_create_counter_group_no_provider("g", bad), nullptr);
+    EXPECT_EQ(g_log.size(), 2u);
+  }
+  // Valid multi-byte names are kept as they are.
+  SchemaPtr schema =
+      SchemaOf({Counter("Gr\xc3\xb6\xc3\x9f" "e \xf0\x9d\x84\x9e", DTL_DATA_TYPE_UINT64)});
+  EXPECT_EQ(schema->groups[0]->num_counters, 1u);
+}
+
+TEST_F(SchemaText, InvalidTextSetAfterwardsIsLeftOutOfTheDocument) {
+  SchemaPtr schema = SchemaOf({Counter("a", DTL_DATA_TYPE_UINT64)});
+  // The records are plain C structures: a caller may still change them.
+  dtl_counter_group_t* group = schema->groups[0];
+  free(group->name);
+  group->name = strdup("g\xff");
+  free(group->counters[0]->name);
+  group->counters[0]->name = strdup("c\xfe");
+  std::unique_ptr<dtl_json_value_t, decltype(&dtl_json_value_free)> json(
+      dtl_counters_schema_jsonify(schema.get()), dtl_json_value_free);
+  ASSERT_NE(json, nullptr);
+  const Json& group_json = json->v["counter_groups"][0];
+  EXPECT_FALSE(group_json.contains("name"));
+  EXPECT_FALSE(group_json["counters"][0].contains("name"));
+  EXPECT_EQ(group_json["counters"][0]["offset"], 0);
+  CString text(dtl_counters_schema_serialize(schema.get()));
+  ASSERT_NE(text, nullptr);
+  EXPECT_FALSE(Json::parse(text.get(), nullptr, false).is_discarded()) << text.get();
+  EXPECT_NE(SchemaIdText(schema.get()), "");
+}
+
 class CounterInfo : public LogCapture {};
 
 TEST_F(CounterInfo, ReadBackFromItsJsonForm) {

@@ -96,6 +96,43 @@ TEST(JsonSerializerStrings, EmbeddedNulIsEscaped) {
   EXPECT_EQ(serialize_compact(value(text)), R"("a\u0000b")");
 }
 
+// Each text is one way of breaking UTF-8; none may reach the output.
+const char* const kInvalidUtf8[] = {
+    "\xff",              // byte never used in UTF-8
+    "\x80x",             // stray continuation byte
+    "ab\xc3",            // sequence cut off at the end
+    "\xe4\xb8x",          // sequence cut off by an ASCII byte
+    "\xc0\xaf",          // overlong '/'
+    "\xe0\x80\xaf",      // overlong, three bytes
+    "\xf0\x82\x82\xac",  // overlong, four bytes
+    "\xed\xa0\x80",      // surrogate half
+    "\xf4\x90\x80\x80",  // above U+10FFFF
+};
+
+TEST(JsonSerializerStrings, InvalidUtf8IsLeftOutAndOutputStaysValid) {
+  for (const char* bad : kInvalidUtf8) {
+    SCOPED_TRACE(testing::PrintToString(std::string(bad)));
+    EXPECT_FALSE(dtl::json::is_valid_utf8(bad));
+    value v = value::object();
+    v["keep"] = 1;
+    v[bad] = "bad key";
+    v["bad value"] = bad;
+    v["list"] = value::array({"a", bad, "b"});
+    v["only bad"] = value::array({bad});
+    const std::string compact = serialize_compact(v);
+    EXPECT_EQ(compact, R"({"keep":1,"list":["a","b"],"only bad":[]})");
+    EXPECT_EQ(serialize_pretty(value::object({{"x", bad}})), "{}");
+    EXPECT_EQ(serialize_pretty(value(bad)), "null");
+    EXPECT_FALSE(value::parse(serialize_pretty(v), nullptr, false).is_discarded());
+  }
+  // Boundaries of the valid range pass through.
+  for (const char* good : {"\xc2\x80", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+                           "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_TRUE(dtl::json::is_valid_utf8(good)) << testing::PrintToString(std::string(good));
+    EXPECT_EQ(serialize_compact(value::array({good})), "[\"" + std::string(good) + "\"]");
+  }
+}
+
 TEST(JsonSerializerLayout, CompactHasNoBlanks) {
   value v = value::object();
   v["a"] = value::object({{"b", nullptr}, {"c", value::array({1, true, false})}});

@@ -10,7 +10,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -112,6 +114,93 @@ TEST(Logger, LevelComesFromEitherVariableAndPrefixWinsSilently) {
         _exit(0);
       },
       testing::ExitedWithCode(0), "");
+}
+
+// Logs one error line on another thread; false when the call has not
+// returned within five seconds (the caller is a child process that exits).
+bool log_call_returns() {
+  std::promise<void> done;
+  std::future<void> returned = done.get_future();
+  std::thread logging([&done] {
+    DTL_LOG_ERROR("[test] probe");
+    done.set_value();
+  });
+  if (returned.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+    logging.detach();
+    return false;
+  }
+  logging.join();
+  return true;
+}
+
+void register_logger(uint32_t kind, int32_t level, FILE* stream) {
+  dtl_logger_ctx_t ctx{};
+  ctx.kind = kind;
+  ctx.level = level;
+  ctx.stream = stream;
+  ctx.log_func = kind == DTL_LOGGER_FUNC ? capture : nullptr;
+  CHILD_CHECK(_dtl_register_logger(&ctx) == 1);
+}
+
+// States in which a line used to re-enter the logger's own initialisation.
+TEST(Logger, LogCallsReturnWhateverStateTheHostLeft) {
+  struct Case {
+    const char* what;
+    void (*set_up)();
+    int32_t level_after;
+  };
+  const Case cases[] = {
+      {"host function registered before initialisation",
+       [] { register_logger(DTL_LOGGER_FUNC, -1, nullptr); }, 0},
+      {"host stream registered before initialisation",
+       [] { register_logger(DTL_LOGGER_STDERR, -1, stderr); }, 0},
+      {"registered, then level reset to -1",
+       [] {
+         register_logger(DTL_LOGGER_STDERR, DTL_LOG_LEVEL_INFO, stderr);
+         dtl_set_log_level(-1);
+       },
+       0},
+      {"registered stream missing",
+       [] { register_logger(DTL_LOGGER_STDERR, DTL_LOG_LEVEL_DEBUG, nullptr); },
+       DTL_LOG_LEVEL_DEBUG},
+      {"negative level in the environment, initialisation that logs",
+       [] {
+         setenv("DTL_API_LOG_LEVEL", "-1", 1);
+         setenv("DTL_LOG_THREAD_SAFE", "no", 1);
+       },
+       0},
+      {"negative level in the unprefixed variable", [] { setenv("API_LOG_LEVEL", "-5", 1); }, 0},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EXIT(
+        {
+          clear_env();
+          c.set_up();
+          CHILD_CHECK(log_call_returns());
+          CHILD_CHECK(dtl_log_level == c.level_after);
+          _exit(0);
+        },
+        testing::ExitedWithCode(0), "")
+        << c.what;
+  }
+}
+
+TEST(Logger, ExplicitDefaultInitialisationRereadsTheEnvironment) {
+  std::string out = stderr_of([] {
+    setenv("DTL_API_LOG_LEVEL", "6", 1);
+    DTL_LOG_DEBUG("[test] first line initialises");
+    CHILD_CHECK(dtl_log_level == DTL_LOG_LEVEL_INFO);
+    CHILD_CHECK(dtl_init_file_logger("/dev/null", DTL_LOG_LEVEL_DEBUG) == 1);
+    DTL_LOG_WARNING("[test] into the file");
+    setenv("DTL_API_LOG_LEVEL", "4", 1);
+    CHILD_CHECK(__dtl_init_logger_default() == 1);
+    CHILD_CHECK(dtl_log_level == DTL_LOG_LEVEL_WARNING);
+    DTL_LOG_INFO("[test] below the new level");
+    DTL_LOG_WARNING("[test] back on standard error");
+  });
+  EXPECT_TRUE(std::regex_match(out, std::regex("\\[[-0-9 :.]{23}\\] \\[warning\\] "
+                                               "\\[test\\] back on standard error\n")))
+      << out;
 }
 
 TEST(Logger, FileLinesHaveTimeLevelAndMessage) {

@@ -105,11 +105,14 @@ TEST_F(SourceTest, FullStringNeedsRoomForColonAndZero) {
 
 TEST_F(SourceTest, DefaultSourcePrefersSourceIdVariable) {
   setenv("DTL_SOURCE_ID", std::string(80, 's').c_str(), 1);
+  setenv("SOURCE_ID", "bare", 1);
   SourcePtr s(dtl_create_default_source("tag"));
   ASSERT_NE(s, nullptr);
   EXPECT_EQ(std::string(s->identifier), std::string(63, 's'));
   EXPECT_STREQ(s->tag, "tag");
+  EXPECT_TRUE(g_lines.empty()) << "the bare name is no alternative, so no conflict";
 
+  // The bare SOURCE_ID alone is ignored: the host name is used.
   unsetenv("DTL_SOURCE_ID");
   setenv("DTL_HOST_NAME", "collector", 1);
   ArrayPtr array(dtl_create_default_source_array("t"));

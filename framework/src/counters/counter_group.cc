@@ -48,10 +48,13 @@ const char* ProviderName(const dtl_counter_group_t* group) {
 }
 
 // Members whose text is missing (a null string, a number outside its
-// vocabulary) are left out.
+// vocabulary) or not valid UTF-8 are left out, as the reference JSON library
+// leaves out a string it refuses to create; the document stays valid JSON.
 void SetString(dtl::json::value& object, const char* key, const char* text) {
-  if (text != nullptr) object[key] = text;
+  if (text != nullptr && dtl::json::is_valid_utf8(text)) object[key] = text;
 }
+
+bool ValidText(const char* text) { return text == nullptr || dtl::json::is_valid_utf8(text); }
 
 dtl::json::value CounterJson(const dtl_counter_info_t* c) {
   dtl::json::value object = dtl::json::value::object();
@@ -232,6 +235,11 @@ DTL_EXPORT bool dtl_type_system_get_json_schema_id(unsigned char* id,
 
 DTL_EXPORT dtl_counter_group_t* dtl_create_counter_group_no_provider(const char* name,
                                                                      const char* provider_name) {
+  // Both names go into the schema's JSON document, which must be UTF-8.
+  if (!ValidText(name) || !ValidText(provider_name)) {
+    DTL_LOG_ERROR("[schema] %s: group name or provider name is not valid UTF-8", __func__);
+    return nullptr;
+  }
   auto* group = static_cast<dtl_counter_group_t*>(calloc(1, sizeof(dtl_counter_group_t)));
   if (group != nullptr) {
     group->name = strdup(name != nullptr ? name : "");
@@ -263,6 +271,14 @@ DTL_EXPORT bool dtl_add_counter_to_group(dtl_counter_group_t* group,
                                          const dtl_counter_info_t* counter) {
   if (group == nullptr || counter == nullptr) {
     DTL_LOG_ERROR("[schema] %s: null argument", __func__);
+    return false;
+  }
+  // The counter's texts go into the schema's JSON document, which must be
+  // UTF-8; the name itself is not logged, as it is not printable text.
+  if (!ValidText(counter->name) || !ValidText(counter->description) ||
+      !ValidText(counter->units)) {
+    DTL_LOG_ERROR("[schema] %s: counter #%u refused: name, description or units is not valid UTF-8",
+                  __func__, static_cast<unsigned>(group->num_counters));
     return false;
   }
   dtl_counter_provider_t* provider = group->provider;
