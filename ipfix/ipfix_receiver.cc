@@ -63,12 +63,7 @@ bool IpfixReceiver::Start() {
   DTL_LOG_INFO("[IPFIX receiver] Starting IPFIX receiver on UDP port %u with %zu worker(s)",
                static_cast<unsigned>(config_.port), count);
 
-  if (sink_ && !sink_->Start()) {
-    DTL_LOG_ERROR("[IPFIX receiver] The storage under '%s' cannot be used — aborting start",
-                  sink_->root().c_str());
-    running_.store(false);
-    return false;
-  }
+  last_error_.clear();
 
   IpfixRecvWorker::Config worker_config;
   worker_config.port = config_.port;
@@ -87,6 +82,29 @@ bool IpfixReceiver::Start() {
     worker_config.recv_buffer_size = static_cast<uint64_t>(INT_MAX);
   }
 
+  // The workers bind with SO_REUSEPORT, so a second collector on this port
+  // (or a stale run of this one) would bind beside them without an error
+  // and take part of every exporter's stream. A bind without it fails while
+  // any other socket holds the port; checked before storage is touched.
+  const int probe_error = IpfixRecvWorker::ProbePortBind(worker_config);
+  if (probe_error != 0) {
+    last_error_ = "UDP port " + std::to_string(config_.port) +
+                  (probe_error == EADDRINUSE ? " is already in use by another socket: "
+                                             : " cannot be bound: ") +
+                  strerror(probe_error);
+    DTL_LOG_ERROR("[IPFIX receiver] %s — aborting start", last_error_.c_str());
+    running_.store(false);
+    return false;
+  }
+
+  if (sink_ && !sink_->Start()) {
+    last_error_ = "the storage under '" + sink_->root() + "' cannot be used";
+    DTL_LOG_ERROR("[IPFIX receiver] The storage under '%s' cannot be used — aborting start",
+                  sink_->root().c_str());
+    running_.store(false);
+    return false;
+  }
+
   workers_.reserve(count);
   for (size_t i = 0; i < count; ++i) {
     auto worker = std::make_unique<IpfixRecvWorker>(i, worker_config, sink_.get());
@@ -94,6 +112,8 @@ bool IpfixReceiver::Start() {
       workers_.push_back(std::move(worker));
       continue;
     }
+    last_error_ = "worker " + std::to_string(i) + " cannot open its socket on UDP port " +
+                  std::to_string(config_.port) + ": " + worker->socket_error();
     DTL_LOG_ERROR("[IPFIX receiver] Failed to open socket for worker %zu — aborting start", i);
     for (auto& opened : workers_) opened->CloseSocket();
     workers_.clear();

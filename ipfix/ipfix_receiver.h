@@ -46,14 +46,21 @@ class IpfixReceiver {
   IpfixReceiver(const IpfixReceiver&) = delete;
   IpfixReceiver& operator=(const IpfixReceiver&) = delete;
 
-  // Starts the sink, opens every worker's socket (all or none), starts the
-  // workers and the statistics thread. True when running (a second call only
-  // warns); false, with an error logged and nothing left running, when the
-  // sink cannot start (storage unusable) or a socket cannot be opened.
+  // Makes sure no other socket holds the port, starts the sink, opens every
+  // worker's socket (all or none), starts the workers and the statistics
+  // thread. True when running (a second call only warns); false, with an
+  // error logged, last_error() set and nothing left running, when the port
+  // is held by another socket (even one that would share it through
+  // SO_REUSEPORT: the kernel would then split the exporters' streams between
+  // the two holders), the sink cannot start (storage unusable) or a socket
+  // cannot be opened.
   bool Start();
   // Stops and drains every worker, then the sink. Safe to call twice.
   void Stop();
   bool running() const { return running_.load(); }
+  // Why the last Start failed, naming the port or storage and the reason;
+  // empty after a successful start. Read it on the thread that called Start.
+  const std::string& last_error() const { return last_error_; }
 
   // Sum of the workers' counters (zero when stopped).
   IpfixRecvWorker::Stats GetStats() const;
@@ -72,6 +79,7 @@ class IpfixReceiver {
   std::vector<std::unique_ptr<IpfixRecvWorker>> workers_;
   std::thread stats_thread_;
   std::atomic<bool> running_{false};
+  std::string last_error_;
 };
 
 }  // namespace dtl::ipfix

@@ -62,14 +62,39 @@ IpfixRecvWorker::~IpfixRecvWorker() {
   sessions_.clear();
 }
 
+int IpfixRecvWorker::ProbePortBind(const Config& config) {
+  const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return 0;
+  int zero = 0;
+  (void)setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof(zero));
+  if (!config.bind_device.empty() &&
+      setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, config.bind_device.data(),
+                 static_cast<socklen_t>(config.bind_device.size())) != 0) {
+    close(fd);
+    return 0;
+  }
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_any;
+  address.sin6_port = htons(config.port);
+  const int result =
+      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ? 0 : errno;
+  close(fd);
+  return result;
+}
+
 bool IpfixRecvWorker::OpenSocket() {
+  socket_error_.clear();
   fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK, 0);
   if (fd_ < 0) {
+    socket_error_ = std::string("socket(): ") + strerror(errno);
     DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] socket(): %s", index_, strerror(errno));
     fd_ = -1;
     return false;
   }
-  auto fail = [this]() {
+  // Keeps the failing step and its errno text for the receiver's report.
+  auto fail = [this](const std::string& step, int error) {
+    socket_error_ = step + ": " + strerror(error);
     close(fd_);
     fd_ = -1;
     return false;
@@ -80,9 +105,10 @@ bool IpfixRecvWorker::OpenSocket() {
     DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] setsockopt SO_REUSEADDR: %s", index_,
                     strerror(errno));
   if (setsockopt(fd_, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one)) != 0) {
+    const int error = errno;
     DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] setsockopt SO_REUSEPORT failed: %s", index_,
-                  strerror(errno));
-    return fail();
+                  strerror(error));
+    return fail("setsockopt SO_REUSEPORT", error);
   }
   // Dual stack: IPv4 exporters arrive as IPv4-mapped IPv6 addresses.
   int zero = 0;
@@ -93,9 +119,10 @@ bool IpfixRecvWorker::OpenSocket() {
   if (!config_.bind_device.empty()) {
     if (setsockopt(fd_, SOL_SOCKET, SO_BINDTODEVICE, config_.bind_device.data(),
                    static_cast<socklen_t>(config_.bind_device.size())) != 0) {
+      const int error = errno;
       DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] SO_BINDTODEVICE('%s') failed: %s", index_,
-                    config_.bind_device.c_str(), strerror(errno));
-      return fail();
+                    config_.bind_device.c_str(), strerror(error));
+      return fail("SO_BINDTODEVICE('" + config_.bind_device + "')", error);
     }
     DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] Socket bound to device '%s'", index_,
                  config_.bind_device.c_str());
@@ -113,9 +140,10 @@ bool IpfixRecvWorker::OpenSocket() {
   address.sin6_addr = in6addr_any;
   address.sin6_port = htons(config_.port);
   if (bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    const int error = errno;
     DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] bind() port=%u failed: %s", index_,
-                  static_cast<unsigned>(config_.port), strerror(errno));
-    return fail();
+                  static_cast<unsigned>(config_.port), strerror(error));
+    return fail("bind()", error);
   }
   DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] Bound to UDP port %u (dev='%s', dual-stack), recv_buffer=%zu",
                index_, static_cast<unsigned>(config_.port),

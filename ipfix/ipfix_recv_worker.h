@@ -64,6 +64,16 @@ class IpfixRecvWorker {
   // Creates, configures and binds the socket and wires the receive headers
   // to the slots. False (socket closed) on any fatal setup failure.
   bool OpenSocket();
+  // Whether a worker socket for config could be the port's only holder:
+  // binds (and closes at once) a socket set up like a worker's (dual stack,
+  // same device) but without SO_REUSEPORT and SO_REUSEADDR, which the kernel
+  // refuses while any other socket holds the port, even one that would let
+  // the workers share it. 0 when the bind succeeds (or the probe cannot be
+  // set up, which OpenSocket then reports), else the bind's errno.
+  static int ProbePortBind(const Config& config);
+  // Why the last OpenSocket failed ("bind(): Address already in use");
+  // empty after a success.
+  const std::string& socket_error() const { return socket_error_; }
   // Starts the receive thread once; a second call does nothing.
   void Start();
   // Stops further reads on the socket before the thread is joined.
@@ -122,6 +132,7 @@ class IpfixRecvWorker {
   Config config_;
   IpfixSessionSink* sink_;
   int fd_ = -1;
+  std::string socket_error_;
   std::thread thread_;
   std::atomic<bool> running_{false};
   std::unique_ptr<uint8_t, FreeDeleter> slots_;

@@ -97,6 +97,7 @@ void ProviderAuxHook(dtl_event_provider_t*, void*) {}
 
 std::unique_ptr<IpfixProviderContext> BuildContext(const dtl_custom_options* options) {
   using namespace dtl::ipfix;
+  WarnAboutUnknownOptions(options);
   const IpfixReceiver::Config config = ReadReceiverConfig(options);
   auto context = std::make_unique<IpfixProviderContext>();
   context->config = config;

@@ -1,6 +1,7 @@
 #include "provider/ipfix_provider_context.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "dtl_logger.h"
 
@@ -20,10 +21,11 @@ IpfixProviderContext::~IpfixProviderContext() {
 
 bool IpfixProviderContext::Start() {
   // No switch is asked to export towards a collector that cannot take the
-  // stream (port taken, storage unusable): the receiver logs why.
+  // stream (port held by another socket, storage unusable).
   if (receiver && !receiver->Start()) {
-    DTL_LOG_ERROR(
-        "[ipfix bin data provider] the IPFIX receiver did not start; no switch is configured");
+    DTL_LOG_ERROR("[ipfix bin data provider] the IPFIX receiver did not start (%s); no switch is "
+                  "configured",
+                  receiver->last_error().c_str());
     return false;
   }
 
@@ -39,13 +41,16 @@ bool IpfixProviderContext::Start() {
 }
 
 bool IpfixProviderContext::Stop() {
+  // Every switch is tried; one still exporting makes the stop a failure.
+  bool all_disabled = true;
   for (size_t i = 0; i < switches.size(); ++i) {
     if (switches[i]->DisableHftIpfix()) continue;
+    all_disabled = false;
     DTL_LOG_ERROR("[ipfix bin data provider] failed to disable HFT on switch %zu: %s", i + 1,
                   switches[i]->last_error().c_str());
   }
   if (receiver) receiver->Stop();
-  return true;
+  return all_disabled;
 }
 
 std::optional<uint32_t> IpfixProviderContext::AutoStopTimeoutSec() const {
@@ -56,7 +61,11 @@ std::optional<uint32_t> IpfixProviderContext::AutoStopTimeoutSec() const {
     if (duration == 0) return std::nullopt;
     longest = std::max(longest, duration);
   }
-  const uint32_t timeout = longest + kAutoStopDeltaSec;
+  // A duration near the top of the range would wrap round to a timeout of
+  // a few seconds; the host gets the largest one it can be told instead.
+  const uint32_t timeout = longest > UINT32_MAX - kAutoStopDeltaSec
+                               ? UINT32_MAX
+                               : longest + kAutoStopDeltaSec;
   DTL_LOG_INFO("[ipfix bin data provider] Auto-stop timeout: %us (max switch duration %us + %us delta)",
                timeout, longest, kAutoStopDeltaSec);
   return timeout;

@@ -32,8 +32,9 @@ struct IpfixProviderContext {
   // through.
   bool Start();
 
-  // Disables HFT export on every switch (a refusal is logged and skipped),
-  // then stops the receiver. Exceptions pass through.
+  // Disables HFT export on every switch (a refusal is logged and the next
+  // switch tried), then stops the receiver. False when any switch refused.
+  // Exceptions pass through.
   bool Stop();
 
   // Largest switch HFT duration + 5 s; none without switches or when any

@@ -1,5 +1,13 @@
 #include "provider/provider_config.h"
 
+#include <unistd.h>  // environ
+
+#include <cctype>
+#include <climits>
+#include <cstring>
+#include <cstdint>
+#include <stdexcept>
+
 #include "dtl_logger.h"
 #include "dtl_options.h"
 #include "provider/option_text.h"
@@ -10,14 +18,180 @@ namespace {
 
 const std::string kEnvPrefix = "DTL_";
 
-template <typename T>
-T Read(const dtl_custom_options* options, const std::string& key, const T& default_value) {
-  return dtl::plugin::get_configuration_option<T>(options, key, default_value, kEnvPrefix);
+// Most receive workers one collector may run; each holds 16 MiB of slots.
+constexpr uint64_t kMaxWorkers = 1024;
+
+// The suffixes of the per-switch keys: switch-N-<suffix>, and switch-<suffix>
+// for the single switch and the global defaults.
+const std::vector<std::string>& SwitchKeySuffixes() {
+  static const std::vector<std::string> suffixes = {
+      "ip",           "port",       "username", "password",        "insecure",
+      "collector-ip", "sample-interval-usec",   "hft-duration",    "vrf",
+      "interfaces",   "counters",   "traffic-classes", "priority-groups", "priorities"};
+  return suffixes;
+}
+
+// Every key outside the numbered switch keys that this provider reads.
+const std::vector<std::string>& FixedKeys() {
+  static const std::vector<std::string> keys = [] {
+    std::vector<std::string> list = {
+        "ipfix-receiver-port",
+        "ipfix-receiver-max-sessions",
+        "ipfix-receiver-receive-buffer-size",
+        "ipfix-receiver-workers",
+        "ipfix-receiver-busy-poll-us",
+        "ipfix-receiver-backoff-min-us",
+        "ipfix-receiver-backoff-max-us",
+        "ipfix-receiver-bind-device",
+        "ipfix-receiver-session-timeout-sec",
+        "ipfix-data-path",
+        "ad-hoc-data-root",
+        "ipfix-disk-counters-template",
+        "ipfix-disk-file-size-limit",
+        "ipfix-disk-file-time-limit",
+        "ipfix-disk-data-size-limit",
+        "ipfix-disk-data-size-low-watermark",
+        "ipfix-disk-direct-io",
+        "ipfix-iouring-iosqe-async",
+        "ipfix-disk-batch-count",
+        "ipfix-disk-flush-idle-ms",
+        "collector-ip"};
+    for (const std::string& suffix : SwitchKeySuffixes()) list.push_back("switch-" + suffix);
+    return list;
+  }();
+  return keys;
+}
+
+// The key families this provider owns; only their unknown keys are
+// reported, as the host's dictionary also carries other providers' options.
+bool InProviderFamily(const std::string& key) {
+  for (const char* family : {"ipfix-", "switch-", "collector-"})
+    if (key.rfind(family, 0) == 0) return true;
+  return false;
+}
+
+// For "switch-<N>-<rest>" with N a decimal number: N and rest.
+bool SplitNumberedSwitchKey(const std::string& key, unsigned long& number, std::string& rest) {
+  static const std::string kHead = "switch-";
+  if (key.rfind(kHead, 0) != 0) return false;
+  const size_t digits_end = key.find_first_not_of("0123456789", kHead.size());
+  if (digits_end == kHead.size() || digits_end == std::string::npos || key[digits_end] != '-')
+    return false;
+  const std::optional<uint64_t> parsed =
+      ParseUnsignedText(key.substr(kHead.size(), digits_end - kHead.size()));
+  if (!parsed || *parsed == 0 || *parsed > ULONG_MAX) return false;
+  number = static_cast<unsigned long>(*parsed);
+  rest = key.substr(digits_end + 1);
+  return true;
+}
+
+bool IsKnownKey(const std::string& key) {
+  for (const std::string& known : FixedKeys())
+    if (key == known) return true;
+  unsigned long number = 0;
+  std::string suffix;
+  if (!SplitNumberedSwitchKey(key, number, suffix)) return false;
+  // switch-01-ip is never read: the reader writes numbers without zeros.
+  if (key != "switch-" + std::to_string(number) + "-" + suffix) return false;
+  for (const std::string& known : SwitchKeySuffixes())
+    if (suffix == known) return true;
+  return false;
+}
+
+// The known key nearest to key in edit distance; a numbered switch key is
+// also compared with the keys of the same switch number.
+std::string ClosestKnownKey(const std::string& key) {
+  std::vector<std::string> candidates = FixedKeys();
+  unsigned long number = 0;
+  std::string rest;
+  if (SplitNumberedSwitchKey(key, number, rest)) {
+    for (const std::string& suffix : SwitchKeySuffixes())
+      candidates.push_back("switch-" + std::to_string(number) + "-" + suffix);
+  }
+  std::string best;
+  size_t best_distance = SIZE_MAX;
+  for (const std::string& candidate : candidates) {
+    const size_t distance = EditDistance(key, candidate);
+    if (distance < best_distance) {
+      best_distance = distance;
+      best = candidate;
+    }
+  }
+  return best;
+}
+
+void WarnIfUnknown(const std::string& key, const std::string& source) {
+  if (!InProviderFamily(key) || IsKnownKey(key)) return;
+  DTL_LOG_WARNING("[ipfix bin data provider] Unknown option '%s'%s is ignored; did you mean '%s'?",
+                  key.c_str(), source.c_str(), ClosestKnownKey(key).c_str());
+}
+
+// The option's text from the dictionary or the environment (the framework's
+// lookup order); nothing when it is not set. An empty text counts as not
+// set, as it always has for the typed options.
+std::optional<std::string> LookupText(const dtl_custom_options* options, const std::string& key) {
+  // No dictionary or environment value can hold a NUL byte.
+  static const std::string kUnset("\0", 1);
+  std::string text =
+      dtl::plugin::get_configuration_option<std::string>(options, key, kUnset, kEnvPrefix);
+  if (text == kUnset || text.empty()) return std::nullopt;
+  return text;
+}
+
+[[noreturn]] void Reject(const std::string& key, const std::string& text,
+                         const std::string& accepted) {
+  throw std::invalid_argument("option " + key + "='" + text + "' is not accepted: expected " +
+                              accepted);
+}
+
+// A whole number in [min, max].
+uint64_t ReadNumber(const dtl_custom_options* options, const std::string& key,
+                    uint64_t default_value, uint64_t min, uint64_t max) {
+  const std::optional<std::string> text = LookupText(options, key);
+  if (!text) return default_value;
+  const std::optional<uint64_t> value = ParseUnsignedText(*text);
+  if (!value || *value < min || *value > max)
+    Reject(key, *text,
+           "a whole number from " + std::to_string(min) + " to " + std::to_string(max));
+  return *value;
+}
+
+uint32_t ReadU32(const dtl_custom_options* options, const std::string& key,
+                 uint32_t default_value) {
+  return static_cast<uint32_t>(ReadNumber(options, key, default_value, 0, UINT32_MAX));
+}
+
+uint16_t ReadPort(const dtl_custom_options* options, const std::string& key,
+                  uint16_t default_value) {
+  return static_cast<uint16_t>(ReadNumber(options, key, default_value, 1, UINT16_MAX));
+}
+
+// A byte count, with the K/M/G/T suffixes of ParseSizeText.
+uint64_t ReadSize(const dtl_custom_options* options, const std::string& key,
+                  uint64_t default_value) {
+  const std::optional<std::string> text = LookupText(options, key);
+  if (!text) return default_value;
+  const std::optional<uint64_t> value = ParseSizeText(*text);
+  if (!value)
+    Reject(key, *text,
+           "a size in bytes up to " + std::to_string(UINT64_MAX) +
+               ", digits optionally followed by K, M, G or T (powers of 1024; e.g. 512K, 10G, "
+               "1TiB)");
+  return *value;
+}
+
+bool ReadFlag(const dtl_custom_options* options, const std::string& key, bool default_value) {
+  const std::optional<std::string> text = LookupText(options, key);
+  if (!text) return default_value;
+  const std::optional<bool> value = ParseBoolText(*text);
+  if (!value) Reject(key, *text, "true/false, yes/no, on/off or 1/0");
+  return *value;
 }
 
 std::string ReadText(const dtl_custom_options* options, const std::string& key,
                      const std::string& default_value) {
-  return Read<std::string>(options, key, default_value);
+  return dtl::plugin::get_configuration_option<std::string>(options, key, default_value,
+                                                            kEnvPrefix);
 }
 
 // A per-switch list: its own text when set (even if it splits into
@@ -38,18 +212,16 @@ std::string ReadSwitchList(const dtl_custom_options* options, const std::string&
 
 IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options) {
   IpfixReceiver::Config config;
-  config.port = static_cast<uint16_t>(Read<int>(options, "ipfix-receiver-port", 4739));
-  config.max_sessions = Read<unsigned long>(options, "ipfix-receiver-max-sessions", 256);
-  config.recv_buffer_size =
-      Read<unsigned long>(options, "ipfix-receiver-receive-buffer-size", 33554432);
-  config.workers = Read<unsigned long>(options, "ipfix-receiver-workers", 4);
+  config.port = ReadPort(options, "ipfix-receiver-port", 4739);
+  config.max_sessions = ReadNumber(options, "ipfix-receiver-max-sessions", 256, 1, UINT32_MAX);
+  config.recv_buffer_size = ReadSize(options, "ipfix-receiver-receive-buffer-size", 33554432);
+  config.workers = ReadNumber(options, "ipfix-receiver-workers", 4, 0, kMaxWorkers);
   if (config.workers == 0) config.workers = 1;
-  config.busy_poll_us = Read<unsigned int>(options, "ipfix-receiver-busy-poll-us", 80);
-  config.backoff_min_us = Read<unsigned int>(options, "ipfix-receiver-backoff-min-us", 20);
-  config.backoff_max_us = Read<unsigned int>(options, "ipfix-receiver-backoff-max-us", 100);
+  config.busy_poll_us = ReadU32(options, "ipfix-receiver-busy-poll-us", 80);
+  config.backoff_min_us = ReadU32(options, "ipfix-receiver-backoff-min-us", 20);
+  config.backoff_max_us = ReadU32(options, "ipfix-receiver-backoff-max-us", 100);
   config.bind_device = ReadText(options, "ipfix-receiver-bind-device", "");
-  config.session_timeout_sec =
-      Read<unsigned int>(options, "ipfix-receiver-session-timeout-sec", 300);
+  config.session_timeout_sec = ReadU32(options, "ipfix-receiver-session-timeout-sec", 300);
 
   DiskWriterConfig& disk = config.disk;
   disk.root = ReadText(options, "ipfix-data-path", "");
@@ -68,14 +240,14 @@ IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options) {
   }
 
   disk.counters_template = ReadText(options, "ipfix-disk-counters-template", "");
-  disk.file_size_limit = Read<unsigned long>(options, "ipfix-disk-file-size-limit", 134217728);
-  disk.file_time_limit_sec = Read<unsigned int>(options, "ipfix-disk-file-time-limit", 1800);
-  disk.data_size_limit = Read<unsigned long>(options, "ipfix-disk-data-size-limit", 0);
-  disk.low_watermark = Read<unsigned long>(options, "ipfix-disk-data-size-low-watermark", 0);
-  disk.direct_io = Read<bool>(options, "ipfix-disk-direct-io", true);
-  disk.iosqe_async = Read<bool>(options, "ipfix-iouring-iosqe-async", false);
-  disk.batch_count = Read<unsigned int>(options, "ipfix-disk-batch-count", 1000);
-  disk.flush_idle_ms = Read<unsigned int>(options, "ipfix-disk-flush-idle-ms", 1000);
+  disk.file_size_limit = ReadSize(options, "ipfix-disk-file-size-limit", 134217728);
+  disk.file_time_limit_sec = ReadU32(options, "ipfix-disk-file-time-limit", 1800);
+  disk.data_size_limit = ReadSize(options, "ipfix-disk-data-size-limit", 0);
+  disk.low_watermark = ReadSize(options, "ipfix-disk-data-size-low-watermark", 0);
+  disk.direct_io = ReadFlag(options, "ipfix-disk-direct-io", true);
+  disk.iosqe_async = ReadFlag(options, "ipfix-iouring-iosqe-async", false);
+  disk.batch_count = ReadU32(options, "ipfix-disk-batch-count", 1000);
+  disk.flush_idle_ms = ReadU32(options, "ipfix-disk-flush-idle-ms", 1000);
   disk.max_sessions = config.max_sessions;
   disk.workers = config.workers;
 
@@ -96,13 +268,13 @@ SwitchDefaults ReadSwitchDefaults(const dtl_custom_options* options, uint16_t re
   SwitchDefaults defaults;
   defaults.options = options;
   defaults.receiver_port = receiver_port;
-  defaults.port = Read<unsigned short>(options, "switch-port", 8765);
+  defaults.port = ReadPort(options, "switch-port", 8765);
   defaults.username = ReadText(options, "switch-username", "velmora");
   defaults.password = ReadText(options, "switch-password", "velmora");
-  defaults.insecure = Read<bool>(options, "switch-insecure", true);
+  defaults.insecure = ReadFlag(options, "switch-insecure", true);
   defaults.collector_ip = ResolveHostAddress(ReadText(options, "collector-ip", ""));
-  defaults.sample_interval_usec = Read<unsigned int>(options, "switch-sample-interval-usec", 100);
-  defaults.hft_duration_sec = Read<unsigned int>(options, "switch-hft-duration", 0);
+  defaults.sample_interval_usec = ReadU32(options, "switch-sample-interval-usec", 100);
+  defaults.hft_duration_sec = ReadU32(options, "switch-hft-duration", 0);
   defaults.vrf = ReadText(options, "switch-vrf", "");
   defaults.counters_text = ReadText(options, "switch-counters", "tx-byte,rx-byte");
   defaults.traffic_classes_text = ReadText(options, "switch-traffic-classes", "");
@@ -121,17 +293,16 @@ QuilSwitchConfigurator::Config ParseSwitchConfig(const SwitchDefaults& defaults,
   const dtl_custom_options* options = defaults.options;
   QuilSwitchConfigurator::Config config;
   config.host = ResolveHostAddress(address);
-  config.port = Read<unsigned short>(options, prefix + "port", defaults.port);
+  config.port = ReadPort(options, prefix + "port", defaults.port);
   config.username = ReadText(options, prefix + "username", defaults.username);
   config.password = ReadText(options, prefix + "password", defaults.password);
-  config.insecure = Read<bool>(options, prefix + "insecure", defaults.insecure);
+  config.insecure = ReadFlag(options, prefix + "insecure", defaults.insecure);
   config.collector_ip =
       ResolveHostAddress(ReadText(options, prefix + "collector-ip", defaults.collector_ip));
   config.collector_port = defaults.receiver_port;
   config.sample_interval_usec =
-      Read<unsigned int>(options, prefix + "sample-interval-usec", defaults.sample_interval_usec);
-  config.hft_duration_sec =
-      Read<unsigned int>(options, prefix + "hft-duration", defaults.hft_duration_sec);
+      ReadU32(options, prefix + "sample-interval-usec", defaults.sample_interval_usec);
+  config.hft_duration_sec = ReadU32(options, prefix + "hft-duration", defaults.hft_duration_sec);
   config.vrf = ReadText(options, prefix + "vrf", defaults.vrf);
   const std::string interfaces_text = ReadText(options, prefix + "interfaces", "");
   config.interfaces = SplitCommaList(interfaces_text);
@@ -180,6 +351,25 @@ std::vector<std::unique_ptr<QuilSwitchConfigurator>> BuildSwitchConfigurators(
     }
   }
   return switches;
+}
+
+void WarnAboutUnknownOptions(const dtl_custom_options* options) {
+  dtl_dict_enum(
+      options,
+      [](const char* key, const char*, void*) {
+        if (key != nullptr) WarnIfUnknown(key, "");
+        return true;
+      },
+      nullptr);
+  // DTL_SWITCH_2_PORT stands for switch-2-port (environ: unistd.h).
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    const std::string variable(*entry, std::strcspn(*entry, "="));
+    if (variable.rfind(kEnvPrefix, 0) != 0) continue;
+    std::string key = variable.substr(kEnvPrefix.size());
+    for (char& c : key)
+      c = c == '_' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    WarnIfUnknown(key, " (environment " + variable + ")");
+  }
 }
 
 }  // namespace dtl::ipfix

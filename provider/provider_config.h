@@ -37,6 +37,17 @@ struct SwitchDefaults {
   std::string priorities_text;
 };
 
+// Every reader below throws std::invalid_argument, naming the key, its value
+// and what the key accepts, when a value does not convert to the option's
+// type (strictly: "12abc" is no number, "no" is false, "10G" is 10 GiB
+// where a size is meant) or lies outside its range. An empty value means
+// the default.
+
+// One warning line for each key of this provider's families (ipfix-*,
+// switch-*, collector-*), in the dictionary or as a DTL_ environment
+// variable, that no reader would look at, naming the nearest known key.
+void WarnAboutUnknownOptions(const dtl_custom_options* options);
+
 // Receiver and disk options, with the disk-root and configuration log lines.
 IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options);
 

@@ -93,26 +93,59 @@ TEST_F(IpfixReceiverTest, StopWithoutStartDoesNothing) {
   EXPECT_TRUE(LogCapture::Snapshot().empty());
 }
 
-TEST_F(IpfixReceiverTest, BindFailureRollsStartBack) {
-  // A socket without SO_REUSEPORT holds the port.
-  int blocker = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(config_.port);
-  ASSERT_EQ(bind(blocker, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+// A port held by any other socket refuses the start before the storage is
+// touched, whether or not that socket would share the port through
+// SO_REUSEPORT (as a second collector's workers would); once it is gone the
+// same receiver starts.
+TEST_F(IpfixReceiverTest, PortHeldByAnotherSocketRefusesTheStart) {
+  struct Holder {
+    const char* name;
+    int family;
+    bool shares;  // SO_REUSEPORT and SO_REUSEADDR, like a receive worker
+  };
+  for (const Holder& holder : {Holder{"plain IPv4", AF_INET, false},
+                               Holder{"plain IPv6", AF_INET6, false},
+                               Holder{"sharing IPv4", AF_INET, true},
+                               Holder{"sharing IPv6", AF_INET6, true}}) {
+    SCOPED_TRACE(holder.name);
+    LogCapture::Clear();
+    const int fd = socket(holder.family, SOCK_DGRAM, 0);
+    const int one = 1;
+    if (holder.shares) {
+      setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &one, sizeof(one));
+      setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    }
+    sockaddr_in6 address{};  // the IPv4 form is a prefix of the same bytes
+    address.sin6_family = static_cast<sa_family_t>(holder.family);
+    address.sin6_port = htons(config_.port);
+    const socklen_t length = holder.family == AF_INET ? sizeof(sockaddr_in) : sizeof(address);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
 
-  auto receiver = Make();
-  EXPECT_FALSE(receiver->Start());
-  EXPECT_FALSE(receiver->running());
-  EXPECT_EQ(LogCapture::Count("3 [IPFIX recv worker] [w=0] bind() port=" + Port() + " failed: "), 1u);
-  EXPECT_EQ(LogCapture::Count("3 [IPFIX receiver] Failed to open socket for worker 0 — aborting start"), 1u);
-  EXPECT_EQ(LogCapture::Count("receiver started"), 0u);
-  EXPECT_EQ(sink_->starts.load(), 1);
-  EXPECT_EQ(sink_->stops.load(), 1);
+    auto receiver = Make();
+    EXPECT_FALSE(receiver->Start());
+    EXPECT_FALSE(receiver->running());
+    const std::string reason = "UDP port " + Port() + " is already in use by another socket: ";
+    EXPECT_EQ(receiver->last_error().rfind(reason, 0), 0u) << receiver->last_error();
+    EXPECT_EQ(LogCapture::Count("3 [IPFIX receiver] " + reason), 1u);
+    EXPECT_EQ(LogCapture::Count("Bound to UDP port"), 0u);
+    EXPECT_EQ(sink_->starts.load(), 0) << "storage is not touched";
 
-  close(blocker);
-  EXPECT_TRUE(receiver->Start());
-  EXPECT_TRUE(receiver->running());
+    close(fd);
+    EXPECT_TRUE(receiver->Start());
+    EXPECT_EQ(receiver->last_error(), "");
+  }
+}
+
+// A second collector on the same port: this program's own workers are the
+// other holder.
+TEST_F(IpfixReceiverTest, SecondReceiverOnTheSamePortIsRefused) {
+  auto first = Make();
+  ASSERT_TRUE(first->Start());
+  auto second = Make();
+  EXPECT_FALSE(second->Start());
+  EXPECT_NE(second->last_error().find("UDP port " + Port() + " is already in use"),
+            std::string::npos);
+  EXPECT_TRUE(first->running());
   EXPECT_EQ(LogCapture::Count("IPFIX receiver started (2 workers)"), 1u);
 }
 

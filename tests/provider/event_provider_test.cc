@@ -84,6 +84,13 @@ TEST(EventProvider, FillInfoReportsTheAutoStopTimeout) {
                                 "duration 30s + 5s delta)"),
               1u);
   }
+  {
+    // The longest possible window gives the longest timeout, not a wrapped one.
+    Options longest;
+    longest.Add("switch-1-ip", "10.0.0.1").Add("switch-1-hft-duration", "4294967294");
+    Provider provider(longest.get());
+    EXPECT_EQ(FillInfo(provider.get()).auto_stop_timeout_sec, 4294967295u);
+  }
   // One switch without a time limit: no timeout at all.
   options.Add("switch-3-ip", "10.0.0.3");
   Provider provider(options.get());

@@ -108,30 +108,68 @@ TEST(ProviderConfig, DictionaryBeatsPrefixedEnvBeatsBareEnvBeatsDefault) {
   EXPECT_EQ(config.session_timeout_sec, 300u);
 }
 
-TEST(ProviderConfig, MalformedValuesTakeTheDefaultAndWorkersZeroIsOne) {
-  LogCapture log;
-  ScopedEnv env;
-  Options options;
-  options.Add("ipfix-receiver-max-sessions", "12abc")
-      .Add("ipfix-receiver-workers", "0")
-      .Add("ipfix-disk-direct-io", "TRUE")  // not one of the accepted spellings
-      .Add("ipfix-iouring-iosqe-async", "T")
-      .Add("ipfix-receiver-backoff-min-us", "500")  // larger than max: passed on
-      .Add("ipfix-disk-file-time-limit", "-1");
-  // A malformed dictionary value hides a good environment value.
-  env.Set("DTL_IPFIX_RECEIVER_MAX_SESSIONS", "99");
-  Provider provider(options.get());
-  ASSERT_NE(provider.get(), nullptr);
-  const auto& config = provider.context().config;
-  EXPECT_EQ(config.max_sessions, 256u);
-  EXPECT_EQ(config.disk.max_sessions, 256u);
-  EXPECT_EQ(config.workers, 1u);
-  EXPECT_EQ(config.disk.workers, 1u);
-  EXPECT_TRUE(config.disk.direct_io);
-  EXPECT_TRUE(config.disk.iosqe_async);
-  EXPECT_EQ(config.backoff_min_us, 500u);
-  EXPECT_EQ(config.disk.file_time_limit_sec, 4294967295u);
-  EXPECT_EQ(LogCapture::Count("max_sessions=256 workers=1 "), 1u);
+// Each value is read strictly: an accepted one shows in the log lines as
+// the value it became; a refused one ends the construction with an error
+// naming the key, the value and what the key accepts. Misspelt keys of this
+// provider's families are named with the key they were probably meant as.
+TEST(ProviderConfig, OptionValuesAreCheckedAndUnknownKeysNamed) {
+  struct Case {
+    const char* key;
+    const char* value;
+    bool accepted;
+    const char* fragment;  // in the log when accepted, else in the error
+  };
+  const Case cases[] = {
+      {"ipfix-receiver-port", "65535", true, "port=65535 "},
+      {"ipfix-receiver-port", "", true, "port=4739 "},
+      {"ipfix-receiver-workers", "0", true, "workers=1 "},
+      {"ipfix-disk-data-size-limit", "10G", true, "data_size_limit=10737418240 "},
+      {"ipfix-disk-data-size-low-watermark", "512KiB", true, "low_watermark=524288 "},
+      {"ipfix-disk-data-size-limit", "3b", true, "data_size_limit=3 "},
+      {"ipfix-disk-direct-io", "no", true, "direct_io=0 "},
+      {"ipfix-disk-direct-io", "OFF", true, "direct_io=0 "},
+      {"ipfix-iouring-iosqe-async", "Yes", true, "iosqe_async=1 "},
+      {"switch-1-port", "9443", true, "port=9443 user="},
+      {"other-plugin-rate", "x", true, "port=4739 "},  // not this provider's key
+      {"ipfix-reciever-port", "1", true,
+       "4 [ipfix bin data provider] Unknown option 'ipfix-reciever-port' is ignored; did you "
+       "mean 'ipfix-receiver-port'?"},
+      {"switch-1-usrname", "x", true, "did you mean 'switch-1-username'?"},
+      {"collector-adress", "x", true, "did you mean 'collector-ip'?"},
+      {"ipfix-receiver-port", "abc", false, "a whole number from 1 to 65535"},
+      {"ipfix-receiver-port", "99999", false, "a whole number from 1 to 65535"},
+      {"ipfix-receiver-port", "0", false, "a whole number from 1 to 65535"},
+      {"ipfix-receiver-workers", "-1", false, "a whole number from 0 to 1024"},
+      {"ipfix-receiver-max-sessions", "12abc", false, "a whole number from 1 to 4294967295"},
+      {"ipfix-disk-file-time-limit", "4294967296", false, "from 0 to 4294967295"},
+      {"ipfix-disk-data-size-limit", "10X", false, "K, M, G or T (powers of 1024"},
+      {"ipfix-disk-data-size-limit", "16777216T", false, "a size in bytes"},
+      {"ipfix-disk-direct-io", "maybe", false, "true/false, yes/no, on/off or 1/0"},
+      {"switch-port", "8x", false, "a whole number from 1 to 65535"},
+      {"switch-1-insecure", "nope", false, "true/false"},
+      {"switch-1-hft-duration", "-5", false, "a whole number from 0 to 4294967295"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.key) + "=" + c.value);
+    LogCapture log;
+    Options options;
+    options.Add("switch-1-ip", "10.0.0.1").Add(c.key, c.value);
+    Provider provider(options.get());
+    const std::string fragment = c.fragment;
+    if (c.accepted) {
+      ASSERT_NE(provider.get(), nullptr);
+      EXPECT_EQ(LogCapture::Count(fragment), 1u);
+    } else {
+      EXPECT_EQ(provider.get(), nullptr);
+      const std::string error = "3 [ipfix bin data provider] failed to construct ipfix provider: "
+                                "option " + std::string(c.key) + "='" + c.value +
+                                "' is not accepted: expected ";
+      ASSERT_EQ(LogCapture::Count(error), 1u);
+      EXPECT_NE(LogCapture::Matching(error)[0].find(fragment), std::string::npos);
+    }
+    EXPECT_EQ(LogCapture::Count("Unknown option") > 0,
+              fragment.find("did you mean") != std::string::npos);
+  }
 }
 
 TEST(ProviderConfig, DiskOptionsAndRootChoice) {
