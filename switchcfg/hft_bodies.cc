@@ -1,6 +1,7 @@
 #include "switchcfg/hft_bodies.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace dtl::ipfix {
 
@@ -68,6 +69,38 @@ value BuildCleanupBody(const std::vector<std::string>& interfaces) {
     value unset = value::object();
     for (const std::string& name : interfaces) unset[name] = {{"telemetry", {{"hft", nullptr}}}};
     body["interface"] = std::move(unset);
+  }
+  return body;
+}
+
+value ParseSwitchAnswer(const std::string& text) {
+  // A stream read stops after the first complete value and leaves the rest.
+  std::istringstream in(text);
+  value answer;
+  try {
+    in >> answer;
+  } catch (const nlohmann::json::exception&) {
+    return value(value::value_t::discarded);
+  }
+  return answer;
+}
+
+std::optional<value> OwnIpfixExport(const value& applied, const QuilSwitchConfigurator::Config& config) {
+  if (!applied.is_object() || applied.empty()) return std::nullopt;
+  // Pointing at this collector, it is what an earlier run of ours left.
+  const auto destination = applied.find("destination");
+  if (destination != applied.end() && destination->is_string() &&
+      destination->get_ref<const std::string&>() == config.collector_ip) {
+    return std::nullopt;
+  }
+  return applied;
+}
+
+value BuildIpfixExportRestoreBody(const value& own, const QuilSwitchConfigurator::Config& config) {
+  value body = own;
+  const value ours = BuildIpfixExportBody(config);
+  for (const auto& member : ours.items()) {
+    if (!body.contains(member.key())) body[member.key()] = nullptr;
   }
   return body;
 }

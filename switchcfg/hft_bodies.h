@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,6 +54,19 @@ size_t AddKeyedSetMembers(dtl::json::value& set, const std::vector<std::string>&
 dtl::json::value BuildInterfacesBody(const std::vector<std::string>& interfaces);
 // Unsets the HFT configuration and, per listed interface, its HFT settings.
 dtl::json::value BuildCleanupBody(const std::vector<std::string>& interfaces);
+
+// Reads a switch's answer: the first JSON value of the text, whatever
+// follows it; discarded when the text does not begin with one.
+dtl::json::value ParseSwitchAnswer(const std::string& text);
+
+// The applied IPFIX export settings when they are the switch's own (a
+// non-empty object whose destination is not this collector), else none.
+std::optional<dtl::json::value> OwnIpfixExport(const dtl::json::value& applied,
+                                               const QuilSwitchConfigurator::Config& config);
+// Puts `own` back over our export settings: its members as they were, and
+// null for each member we set that it did not have.
+dtl::json::value BuildIpfixExportRestoreBody(const dtl::json::value& own,
+                                             const QuilSwitchConfigurator::Config& config);
 
 // Non-empty, only ASCII letters, digits, '-' and '_'.
 bool IsValidInterfaceName(const std::string& name);

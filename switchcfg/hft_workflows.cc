@@ -1,6 +1,7 @@
 // The HFT enable, disable and clean-up workflows. Every change goes through
 // a revision; a revision that was created but not applied stays on the
 // switch and is reported as orphaned, never deleted.
+#include <exception>
 #include <limits>
 #include <string>
 #include <vector>
@@ -14,6 +15,8 @@ namespace dtl::ipfix {
 namespace {
 
 constexpr const char* kHftPath = "/system/telemetry/hft";
+constexpr const char* kIpfixExportPath = "/system/telemetry/export/ipfix";
+constexpr const char* kInterruptedText = "interrupted: the collector is stopping";
 
 std::string Join(const std::vector<std::string>& items, size_t limit) {
   std::string text;
@@ -27,7 +30,43 @@ std::string Join(const std::vector<std::string>& items, size_t limit) {
 
 }  // namespace
 
+void QuilSwitchConfigurator::FailWith(const char* workflow, const char* what) {
+  last_error_ = what;
+  DTL_LOG_ERROR("[quil switch configurator] %s on switch %s failed: %s", workflow, config_.host.c_str(),
+                what);
+}
+
 bool QuilSwitchConfigurator::EnableHftIpfix() {
+  enabling_ = true;
+  if (Interrupted()) {  // a stop came before this switch was touched
+    enabling_ = false;
+    FailWith("Enabling HFT IPFIX", kInterruptedText);
+    return false;
+  }
+  bool enabled = false;
+  try {
+    enabled = EnableSteps();
+  } catch (const std::exception& e) {
+    enabling_ = false;
+    FailWith("Enabling HFT IPFIX", e.what());
+    return false;
+  }
+  const bool interrupted = Interrupted();
+  enabling_ = false;
+  if (!enabled && interrupted) FailWith("Enabling HFT IPFIX", kInterruptedText);
+  return enabled;
+}
+
+bool QuilSwitchConfigurator::DisableHftIpfix() {
+  try {
+    return DisableSteps();
+  } catch (const std::exception& e) {
+    FailWith("Disabling HFT", e.what());
+    return false;
+  }
+}
+
+bool QuilSwitchConfigurator::EnableSteps() {
   const std::string& host = config_.host;
   DTL_LOG_INFO("[quil switch configurator] Enabling HFT IPFIX on switch %s → collector %s:%u", host.c_str(),
                config_.collector_ip.c_str(), static_cast<unsigned>(config_.collector_port));
@@ -42,10 +81,17 @@ bool QuilSwitchConfigurator::EnableHftIpfix() {
 
   if (!CleanupHftConfig()) return false;
 
+  // Settings of the switch's own that ours replace are put back when the
+  // export is withdrawn; a second enable keeps what the first one found.
+  if (!export_configured_) {
+    own_export_ = OwnIpfixExport(ParseSwitchAnswer(GetConfig(std::string(kIpfixExportPath) + "?rev=applied")),
+                                 config_);
+  }
+
   const std::string revision = CreateRevision();
   if (revision.empty()) return false;
 
-  if (!PatchConfig(revision, "/system/telemetry/export/ipfix",
+  if (!PatchConfig(revision, kIpfixExportPath,
                    dtl::json::serialize_compact(BuildIpfixExportBody(config_)))) {
     DTL_LOG_WARNING(
         "[quil switch configurator] Orphaned QUIL revision %s on switch %s (IPFIX export patch failed)",
@@ -90,8 +136,17 @@ bool QuilSwitchConfigurator::EnableHftIpfix() {
   if (!ApplyRevision(revision)) {
     DTL_LOG_WARNING("[quil switch configurator] Orphaned QUIL revision %s on switch %s (apply failed)",
                     revision.c_str(), host.c_str());
+    // An apply cut short by a stop may have reached the switch: withdraw it
+    // as if it had, with no interruption of its own.
+    if (Interrupted()) {
+      enabling_ = false;
+      export_configured_ = true;
+      DisableSteps();
+      enabling_ = true;
+    }
     return false;
   }
+  export_configured_ = true;
 
   constexpr size_t all = std::numeric_limits<size_t>::max();
   const std::string traffic_classes = Join(config_.traffic_classes, all);
@@ -125,24 +180,35 @@ bool QuilSwitchConfigurator::BuildKeyedSet(dtl::json::value& body, const std::st
   return true;
 }
 
-bool QuilSwitchConfigurator::DisableHftIpfix() {
+bool QuilSwitchConfigurator::DisableSteps() {
   const std::string& host = config_.host;
   DTL_LOG_INFO("[quil switch configurator] Disabling HFT on switch %s", host.c_str());
+  bool stopped = false;
   const std::string revision = CreateRevision();
-  if (revision.empty()) return false;
-  if (!PatchConfig(revision, kHftPath, std::string(kDisableHftBody))) {
-    DTL_LOG_WARNING(
-        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable HFT patch failed)",
-        revision.c_str(), host.c_str());
+  if (!revision.empty()) {
+    if (!PatchConfig(revision, kHftPath, std::string(kDisableHftBody))) {
+      DTL_LOG_WARNING(
+          "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable HFT patch failed)",
+          revision.c_str(), host.c_str());
+    } else if (!ApplyRevision(revision)) {
+      DTL_LOG_WARNING(
+          "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable apply failed)",
+          revision.c_str(), host.c_str());
+    } else {
+      DTL_LOG_INFO("[quil switch configurator] HFT disabled on switch %s", host.c_str());
+      stopped = true;
+    }
+  }
+  // Tried even when the HFT export could not be stopped: without an IPFIX
+  // destination the switch has nowhere to stream to.
+  const std::string error = last_error_;
+  const bool withdrawn = WithdrawIpfixExport();
+  if (!stopped) {
+    last_error_ = error;  // the refusal to stop is the failure to report
+    DTL_LOG_ERROR("[quil switch configurator] HFT export on switch %s could not be disabled and may still run",
+                  host.c_str());
     return false;
   }
-  if (!ApplyRevision(revision)) {
-    DTL_LOG_WARNING(
-        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (disable apply failed)",
-        revision.c_str(), host.c_str());
-    return false;
-  }
-  DTL_LOG_INFO("[quil switch configurator] HFT disabled on switch %s", host.c_str());
   // The export is stopped; configuration left behind is repaired by the
   // clean-up of the next enable, so this does not fail the disable.
   if (!CleanupHftConfig()) {
@@ -151,6 +217,31 @@ bool QuilSwitchConfigurator::DisableHftIpfix() {
         "remain",
         host.c_str());
   }
+  return withdrawn;
+}
+
+bool QuilSwitchConfigurator::WithdrawIpfixExport() {
+  if (!export_configured_) return true;
+  const std::string& host = config_.host;
+  const std::string revision = CreateRevision();
+  if (revision.empty()) return false;
+  const bool restore = own_export_.has_value();
+  const bool patched =
+      restore ? PatchConfig(revision, kIpfixExportPath,
+                            dtl::json::serialize_compact(BuildIpfixExportRestoreBody(*own_export_, config_)))
+              : PatchConfig(revision, "/system/telemetry/export", R"({"ipfix":null})");
+  if (!patched || !ApplyRevision(revision)) {
+    DTL_LOG_WARNING(
+        "[quil switch configurator] Orphaned QUIL revision %s on switch %s (IPFIX export withdrawal failed)",
+        revision.c_str(), host.c_str());
+    DTL_LOG_ERROR("[quil switch configurator] IPFIX export to %s is still configured on switch %s",
+                  config_.collector_ip.c_str(), host.c_str());
+    return false;
+  }
+  export_configured_ = false;
+  own_export_.reset();
+  DTL_LOG_INFO("[quil switch configurator] IPFIX export to %s withdrawn on switch %s%s",
+               config_.collector_ip.c_str(), host.c_str(), restore ? " (its own export settings restored)" : "");
   return true;
 }
 

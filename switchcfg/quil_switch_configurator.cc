@@ -7,6 +7,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "dtl_export.h"
 #include "dtl_logger.h"
 #include "switchcfg/hft_bodies.h"
 
@@ -16,6 +17,15 @@ namespace {
 
 constexpr int kExportStatePolls = 40;
 std::atomic<int64_t> g_poll_interval_ms{250};
+// Set by a stop request; read by the transfer callback of every request.
+std::atomic<bool> g_enables_interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+// Called by libcurl at least once a second during a transfer (connecting
+// included); a non-zero answer aborts it.
+int AbortWhenInterrupted(void* enabling, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return *static_cast<const bool*>(enabling) && g_enables_interrupted.load() ? 1 : 0;
+}
 
 void EnsureCurlGlobalInit() {
   static std::once_flag once;
@@ -61,6 +71,12 @@ QuilSwitchConfigurator::QuilSwitchConfigurator(const Config& config) : config_(c
 
 QuilSwitchConfigurator::~QuilSwitchConfigurator() = default;
 
+void QuilSwitchConfigurator::InterruptEnables() { g_enables_interrupted.store(true); }
+
+void QuilSwitchConfigurator::ResumeEnables() { g_enables_interrupted.store(false); }
+
+bool QuilSwitchConfigurator::Interrupted() const { return enabling_ && g_enables_interrupted.load(); }
+
 void QuilSwitchConfigurator::SetPollIntervalForTesting(std::chrono::milliseconds interval) {
   g_poll_interval_ms.store(interval.count());
 }
@@ -92,7 +108,10 @@ HttpResponse QuilSwitchConfigurator::DoRequest(const std::string& method, const 
       !SetOption(h, CURLOPT_WRITEFUNCTION, &AppendToBody) ||
       !SetOption(h, CURLOPT_WRITEDATA, static_cast<void*>(&response.body)) ||
       !SetOption(h, CURLOPT_TIMEOUT, 30L) || !SetOption(h, CURLOPT_CONNECTTIMEOUT, 10L) ||
-      !SetOption(h, CURLOPT_USERPWD, userpwd.c_str())) {
+      !SetOption(h, CURLOPT_USERPWD, userpwd.c_str()) ||
+      !SetOption(h, CURLOPT_XFERINFOFUNCTION, &AbortWhenInterrupted) ||
+      !SetOption(h, CURLOPT_XFERINFODATA, static_cast<void*>(&enabling_)) ||
+      !SetOption(h, CURLOPT_NOPROGRESS, 0L)) {
     return response;
   }
   if (config_.insecure &&
@@ -130,7 +149,7 @@ std::string QuilSwitchConfigurator::CreateRevision() {
     DTL_LOG_ERROR("[quil switch configurator] %s", last_error_.c_str());
     return "";
   }
-  const dtl::json::value answer = dtl::json::value::parse(response.body, nullptr, false);
+  const dtl::json::value answer = ParseSwitchAnswer(response.body);
   if (answer.is_discarded()) {
     last_error_ = "Failed to parse revision response";
     DTL_LOG_ERROR("[quil switch configurator] %s", last_error_.c_str());
@@ -181,7 +200,7 @@ bool QuilSwitchConfigurator::WaitForHftExportState(const std::string& expected) 
   for (int attempt = 0; attempt < kExportStatePolls; ++attempt) {
     const std::string body = GetConfig("/system/telemetry/hft?rev=applied");
     if (!body.empty()) {
-      const dtl::json::value answer = dtl::json::value::parse(body, nullptr, false);
+      const dtl::json::value answer = ParseSwitchAnswer(body);
       if (answer.is_object()) {
         const auto exported = answer.find("export");
         if (exported != answer.end() && exported->is_object()) {
@@ -195,8 +214,10 @@ bool QuilSwitchConfigurator::WaitForHftExportState(const std::string& expected) 
         }
       }
     }
+    if (Interrupted()) break;
     SleepFor(g_poll_interval_ms.load());
   }
+  if (Interrupted()) return false;
   last_error_ = "Timed out waiting for HFT export.state=" + expected + " on switch " + config_.host;
   DTL_LOG_ERROR("[quil switch configurator] %s", last_error_.c_str());
   return false;
@@ -206,7 +227,7 @@ std::vector<std::string> QuilSwitchConfigurator::FetchAppliedKeys(const std::str
   std::vector<std::string> keys;
   const std::string body = GetConfig(path + "?rev=applied");
   if (body.empty()) return keys;
-  const dtl::json::value answer = dtl::json::value::parse(body, nullptr, false);
+  const dtl::json::value answer = ParseSwitchAnswer(body);
   if (!answer.is_object()) return keys;
   keys.reserve(answer.size());
   for (const auto& member : answer.items()) {
@@ -216,3 +237,7 @@ std::vector<std::string> QuilSwitchConfigurator::FetchAppliedKeys(const std::str
 }
 
 }  // namespace dtl::ipfix
+
+extern "C" DTL_EXPORT void dtl_ipfix_interrupt_switch_enables(void) {
+  dtl::ipfix::QuilSwitchConfigurator::InterruptEnables();
+}

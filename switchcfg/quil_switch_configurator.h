@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,10 +45,22 @@ class QuilSwitchConfigurator {
   QuilSwitchConfigurator(const QuilSwitchConfigurator&) = delete;
   QuilSwitchConfigurator& operator=(const QuilSwitchConfigurator&) = delete;
 
-  // Workflows; on false, last_error() and the log say why.
+  // Workflows; on false, last_error() and the log say why. An exception
+  // while building a request (allocation failure) fails the workflow like
+  // a refused request. DisableHftIpfix also withdraws the IPFIX export that
+  // EnableHftIpfix configured, restoring the switch's own export settings
+  // when it had some; it fails when the HFT export could not be stopped or
+  // the IPFIX export could not be withdrawn.
   bool EnableHftIpfix();
   bool DisableHftIpfix();
   bool CleanupHftConfig();
+
+  // Process-wide stop request (safe to call from a signal handler): an
+  // enable in progress ends at once, its request in flight aborted, and no
+  // further enable starts until ResumeEnables. Disables and clean-ups are
+  // not affected, so whatever was configured can still be withdrawn.
+  static void InterruptEnables();
+  static void ResumeEnables();
 
   const Config& config() const { return config_; }
   const std::string& last_error() const { return last_error_; }
@@ -69,9 +82,24 @@ class QuilSwitchConfigurator {
  private:
   bool BuildKeyedSet(dtl::json::value& body, const std::string& dotted_key,
                      const std::vector<std::string>& wanted, const std::string& path);
+  bool EnableSteps();
+  bool DisableSteps();
+  bool WithdrawIpfixExport();
+  // True while an enable runs and a stop has been requested.
+  bool Interrupted() const;
+  void FailWith(const char* workflow, const char* what);
 
   Config config_;
   std::string last_error_;
+  bool enabling_ = false;
+  // Set once an enable has applied our IPFIX export, until it is withdrawn.
+  bool export_configured_ = false;
+  // The switch's own IPFIX export settings found before ours replaced them.
+  std::optional<dtl::json::value> own_export_;
 };
 
 }  // namespace dtl::ipfix
+
+// The plug-in's hook for its host: QuilSwitchConfigurator::InterruptEnables,
+// for a host that wants a stop signal to cut a start short. Signal-safe.
+extern "C" void dtl_ipfix_interrupt_switch_enables(void);

@@ -113,7 +113,7 @@ TEST_F(SwitchStartTest, StopGoesOnPastASwitchThatRefuses) {
   const size_t second_patches = HftPatches(*second).size();
 
   first->Stop();  // switch 1 no longer answers
-  EXPECT_TRUE(provider->stop(provider.get()));
+  EXPECT_FALSE(provider->stop(provider.get()));
 
   EXPECT_EQ(LogCapture::LevelOf("[ipfix bin data provider] failed to disable HFT on switch 1: "),
             DTL_LOG_LEVEL_ERROR);

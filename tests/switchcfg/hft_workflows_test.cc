@@ -3,12 +3,31 @@
 // orphaned revisions they report.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <new>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "switchcfg/hft_bodies.h"
 #include "switchcfg/quil_switch_configurator.h"
 #include "switchcfg/switchcfg_test_support.h"
+
+// While armed, any allocation of at least this many bytes fails, as it
+// would on a host short of memory.
+static std::atomic<size_t> g_failing_allocation_size{SIZE_MAX};
+
+void* operator new(size_t size) {
+  if (size >= g_failing_allocation_size.load()) throw std::bad_alloc();
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
 
 namespace dtl::ipfix {
 namespace {
@@ -53,6 +72,7 @@ std::string Orphaned(const std::string& revision, const std::string& reason) {
 class HftWorkflowTest : public SwitchcfgTest {
  protected:
   void TearDown() override {
+    QuilSwitchConfigurator::ResumeEnables();
     QuilSwitchConfigurator::SetPollIntervalForTesting(std::chrono::milliseconds(250));
     SwitchcfgTest::TearDown();
   }
@@ -68,7 +88,7 @@ TEST_F(HftWorkflowTest, EnableSendsTheWholeSequence) {
   ASSERT_TRUE(switch_config.EnableHftIpfix()) << switch_config.last_error();
 
   const std::string cleanup =
-      json::serialize_compact(BuildCleanupBody({"Ethernet1/1", "Ethernet1/2", "Ethernet1/3", "Ethernet1/4"}));
+      json::serialize_compact(BuildCleanupBody({"Ethernet1_1", "Ethernet1_2", "Ethernet1_3", "Ethernet1_4"}));
   const std::string hft =
       R"({"export":{"state":"enabled"},"export-type":"ipfix","sample-interval-usec":100,"duration":0,)"
       R"("counter":{"tx-byte":{},"rx-byte":{}},"egress-buffer":{"traffic-class":{"3":{}}}})";
@@ -85,6 +105,7 @@ TEST_F(HftWorkflowTest, EnableSendsTheWholeSequence) {
                      {"POST", "/quil_v1/revision", "", "{}"},
                      {"PATCH", "/quil_v1/system/telemetry/hft", "rev=rev-3", kDisable},
                      {"PATCH", "/quil_v1/revision/rev-3", "", kApply},
+                     {"GET", "/quil_v1/system/telemetry/export/ipfix", "rev=applied", ""},
                      {"POST", "/quil_v1/revision", "", "{}"},
                      {"PATCH", "/quil_v1/system/telemetry/export/ipfix", "rev=rev-4",
                       R"({"state":"enabled","destination":"127.0.0.1"})"},
@@ -100,7 +121,7 @@ TEST_F(HftWorkflowTest, EnableSendsTheWholeSequence) {
       "[quil switch configurator] Enabling HFT IPFIX on switch 127.0.0.1 → collector 127.0.0.1:4739"));
   EXPECT_TRUE(HasLine(
       DTL_LOG_LEVEL_INFO,
-      "[quil switch configurator] Cleanup: interfaces=[Ethernet1/1,Ethernet1/2,Ethernet1/3,Ethernet1/4]"));
+      "[quil switch configurator] Cleanup: interfaces=[Ethernet1_1,Ethernet1_2,Ethernet1_3,Ethernet1_4]"));
   EXPECT_TRUE(HasLine(DTL_LOG_LEVEL_INFO,
                       "[quil switch configurator] HFT IPFIX enabled on switch 127.0.0.1 for 2 interfaces "
                       "(duration=0s, traffic-class=[3], priority-group=[], switch-priority=[])"));
@@ -222,6 +243,9 @@ TEST_F(HftWorkflowTest, DisableResults) {
   EXPECT_FALSE(switch_config.DisableHftIpfix());
   EXPECT_EQ(switch_config.last_error(), "PATCH /system/telemetry/hft failed: HTTP 500 no");
   EXPECT_TRUE(HasLine(DTL_LOG_LEVEL_WARNING, Orphaned("rev-3", "disable HFT patch failed")));
+  EXPECT_TRUE(HasLine(DTL_LOG_LEVEL_ERROR,
+                      "[quil switch configurator] HFT export on switch 127.0.0.1 could not be disabled and "
+                      "may still run"));
 
   EXPECT_FALSE(switch_config.DisableHftIpfix());
   EXPECT_EQ(switch_config.last_error(), "Apply revision failed: HTTP 500 late");
@@ -274,6 +298,104 @@ TEST_F(HftWorkflowTest, CleanupChoosesItsInterfaceList) {
       DTL_LOG_LEVEL_INFO,
       "[quil switch configurator] Cleanup: PATCH / body_len=" + std::to_string(bodies[1].body.size()) +
           " unsetting system.telemetry.hft + interface.telemetry.hft on 0 interfaces"));
+}
+
+std::string LastEvent(const QuilMock& mock) {
+  std::string last;
+  for (const Entry& entry : mock.Journal()) {
+    if (!entry.event.empty()) last = entry.event;
+  }
+  return last;
+}
+
+// What a disable leaves in the switch's IPFIX export settings, given what
+// the enable found there.
+TEST_F(HftWorkflowTest, DisableLeavesTheIpfixExportAsEnableFoundIt) {
+  const std::string own = R"({"state": "enabled", "destination": "10.9.9.9", "template-refresh": 30})";
+  const std::string ours = R"({"state": "enabled", "destination": "127.0.0.1"})";
+  struct Case {
+    const char* name;
+    std::string before;  // applied before the enable; empty: nothing
+    std::vector<std::string> faults;
+    bool disabled;
+    std::string after;
+  };
+  const std::vector<Case> cases = {
+      {"nothing before", "", {}, true, "{}"},
+      {"the switch's own settings", own, {}, true, own},
+      {"left by an earlier run", ours, {}, true, "{}"},
+      {"HFT disable refused", "", {R"(4:PATCH ^/quil_v1/system/telemetry/hft\?rev= 500 refused)"}, false, "{}"},
+      {"withdrawal refused", "", {R"(PATCH ^/quil_v1/system/telemetry/export\?rev= 500 refused)"}, false, ours},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    QuilMock mock(WithFaults(c.faults));
+    ASSERT_TRUE(mock.ok());
+    QuilSwitchConfigurator switch_config(ConfigFor(mock));
+    if (!c.before.empty()) {
+      const std::string revision = switch_config.CreateRevision();
+      ASSERT_TRUE(switch_config.PatchConfig(revision, "/system/telemetry/export/ipfix", c.before));
+      ASSERT_TRUE(switch_config.ApplyRevision(revision));
+    }
+    ASSERT_TRUE(switch_config.EnableHftIpfix()) << switch_config.last_error();
+    EXPECT_EQ(switch_config.DisableHftIpfix(), c.disabled);
+    const std::string after = switch_config.GetConfig("/system/telemetry/export/ipfix?rev=applied");
+    EXPECT_EQ(nlohmann::json::parse(after, nullptr, false), nlohmann::json::parse(c.after));
+    // Either way the switch streams no more.
+    EXPECT_EQ(LastEvent(mock), "hft-sim stopped");
+  }
+  EXPECT_TRUE(HasLine(DTL_LOG_LEVEL_ERROR,
+                      "[quil switch configurator] IPFIX export to 127.0.0.1 is still configured on switch "
+                      "127.0.0.1"));
+}
+
+TEST_F(HftWorkflowTest, AllocationFailureFailsTheEnableLikeARefusal) {
+  QuilMock mock(MockOptions());
+  ASSERT_TRUE(mock.ok());
+  auto config = ConfigFor(mock);
+  config.counters = {std::string(size_t{1} << 20, 'c')};
+  QuilSwitchConfigurator switch_config(config);
+  g_failing_allocation_size.store(size_t{1} << 20);
+  const bool enabled = switch_config.EnableHftIpfix();
+  g_failing_allocation_size.store(SIZE_MAX);
+  EXPECT_FALSE(enabled);
+  EXPECT_EQ(switch_config.last_error(), "std::bad_alloc");
+  EXPECT_TRUE(HasLine(DTL_LOG_LEVEL_ERROR,
+                      "[quil switch configurator] Enabling HFT IPFIX on switch 127.0.0.1 failed: std::bad_alloc"));
+  // Failed while the HFT body was built: nothing of it reached the switch.
+  EXPECT_EQ(Matching(Requests(mock), "PATCH", "/quil_v1/system/telemetry/hft").size(), 2u);
+}
+
+TEST_F(HftWorkflowTest, StopRequestCutsAnEnableShortButNoDisable) {
+  QuilMock mock(WithFaults({"1:GET ^/quil_v1/interface$ hang"}));
+  ASSERT_TRUE(mock.ok());
+  QuilSwitchConfigurator switch_config(ConfigFor(mock));
+  std::chrono::steady_clock::time_point interrupted{};
+  std::thread stopper([&] {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (bool hung = false; !hung && std::chrono::steady_clock::now() < limit;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      for (const Entry& entry : Requests(mock)) hung = hung || entry.status == -1;
+    }
+    interrupted = std::chrono::steady_clock::now();
+    QuilSwitchConfigurator::InterruptEnables();
+  });
+  const bool enabled = switch_config.EnableHftIpfix();
+  const auto returned = std::chrono::steady_clock::now();
+  stopper.join();
+  EXPECT_FALSE(enabled);
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(returned - interrupted).count();
+  std::printf("enable returned %lld ms after the stop request\n", static_cast<long long>(ms));
+  EXPECT_LT(ms, 1500);
+  EXPECT_EQ(switch_config.last_error(), "interrupted: the collector is stopping");
+  ASSERT_EQ(Requests(mock).back().status, -1);  // nothing after the hung request
+
+  // No further enable touches a switch; a disable runs in full.
+  const size_t before = Requests(mock).size();
+  EXPECT_FALSE(switch_config.EnableHftIpfix());
+  EXPECT_EQ(Requests(mock).size(), before);
+  EXPECT_TRUE(switch_config.DisableHftIpfix()) << switch_config.last_error();
+  EXPECT_EQ(Requests(mock).size(), before + 3 + 7);
 }
 
 }  // namespace

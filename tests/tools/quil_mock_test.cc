@@ -114,7 +114,7 @@ TEST(QuilMockTest, RevisionsMergePatchesIntoAppliedTreeOnApply) {
             200);
   EXPECT_EQ(Request("PATCH", mock.url() + "/?rev=" + r1,
                     R"({"system": {"telemetry": {"hft": {"counter": {"rx-byte": null}}}},
-                        "interface": {"Ethernet1/1": null, "eth9": {}, "a.b": {}}})")
+                        "interface": {"Ethernet1_1": null, "eth9": {}, "a.b": {}}})")
                 .status,
             200);
   // Pending until applied; the revision's own view shows the merge already.
@@ -125,19 +125,21 @@ TEST(QuilMockTest, RevisionsMergePatchesIntoAppliedTreeOnApply) {
   EXPECT_EQ(GetJson(mock, "/system/telemetry/hft?rev=applied"),
             json::parse(R"({"export": {"state": "enabled"}, "counter": {"tx-byte": {}}})"));
   json interfaces = GetJson(mock, "/interface");
-  EXPECT_FALSE(interfaces.contains("Ethernet1/1"));
+  EXPECT_FALSE(interfaces.contains("Ethernet1_1"));
   EXPECT_EQ(interfaces["eth9"], json::object());
   EXPECT_TRUE(interfaces.contains("a.b"));
 
-  // Applying twice, an unknown revision, a missing path.
+  // Applying twice, an unknown revision; configuration not set reads as
+  // empty, a path below a plain value does not exist.
   EXPECT_EQ(Apply(mock, r1), 409);
   EXPECT_EQ(Apply(mock, "rev-999"), 404);
   EXPECT_EQ(Request("PATCH", mock.url() + "/x?rev=rev-999", "{}").status, 404);
-  EXPECT_EQ(Request("GET", mock.url() + "/system/telemetry/export/ipfix?rev=applied").status, 404);
+  EXPECT_EQ(GetJson(mock, "/system/telemetry/export/ipfix?rev=applied"), json::object());
+  EXPECT_EQ(Request("GET", mock.url() + "/system/telemetry/hft/export/state/x").status, 404);
 
   // The unapplied second revision changes nothing; SIGTERM ends the mock cleanly.
-  EXPECT_EQ(Request("PATCH", mock.url() + "/interface?rev=" + r2, R"({"Ethernet1/2": null})").status, 200);
-  EXPECT_TRUE(GetJson(mock, "/interface").contains("Ethernet1/2"));
+  EXPECT_EQ(Request("PATCH", mock.url() + "/interface?rev=" + r2, R"({"Ethernet1_2": null})").status, 200);
+  EXPECT_TRUE(GetJson(mock, "/interface").contains("Ethernet1_2"));
   EXPECT_EQ(mock.Stop(), 0);
 }
 

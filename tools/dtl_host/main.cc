@@ -12,9 +12,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -73,8 +77,14 @@ void PrintHelp(FILE* out) {
           "\n"
           "Logging: DTL_API_LOG_LEVEL=3|4|6|7 (error, warning, info, debug; default 6).\n"
           "\n"
+          "Signals: the first SIGINT/SIGTERM stops the provider, also while it starts\n"
+          "(the switch request in flight is cut short and the switches configured so far\n"
+          "are restored); a second one exits at once, leaving the switches as they are.\n"
+          "\n"
           "Exit status: 0 after a clean stop, 1 when the plug-in cannot be loaded or the\n"
-          "provider fails to construct, initialize, start or stop, 2 on a usage error.\n",
+          "provider fails to construct, initialize, start or stop (a switch that could\n"
+          "not be restored included), 2 on a usage error, 128 + the signal number when a\n"
+          "second signal ended it.\n",
           kPluginFileName);
 }
 
@@ -148,6 +158,8 @@ struct PluginApi {
   decltype(&dtl_dict_delete) dict_delete = nullptr;
   decltype(&dtl_source_full_string) source_full_string = nullptr;
   decltype(&dtl_destroy_source_array) destroy_source_array = nullptr;
+  // Optional: cuts a start short when a stop signal comes.
+  void (*interrupt_switch_enables)() = nullptr;
 };
 
 template <typename Fn>
@@ -218,37 +230,56 @@ std::optional<uint32_t> AutoStopTimeout(dtl_event_provider_t* provider) {
   return info.auto_stop_timeout_sec;
 }
 
-timespec Now() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
-
-double SecondsSince(const timespec& start) {
-  const timespec now = Now();
-  return static_cast<double>(now.tv_sec - start.tv_sec) +
-         static_cast<double>(now.tv_nsec - start.tv_nsec) / 1e9;
-}
-
-// Waits for one of the blocked signals or until limit_sec has passed (no
-// limit: only a signal ends the wait). Describes what ended it.
-std::string WaitForStop(const sigset_t& signals, std::optional<double> limit_sec,
-                        const char* limit_name) {
-  const timespec start = Now();
-  for (;;) {
-    int signo;
-    if (!limit_sec) {
-      signo = sigwaitinfo(&signals, nullptr);
-    } else {
-      const double left = *limit_sec - SecondsSince(start);
-      if (left <= 0) return limit_name;
-      timespec timeout{};
-      timeout.tv_sec = static_cast<time_t>(left);
-      timeout.tv_nsec = static_cast<long>((left - static_cast<double>(timeout.tv_sec)) * 1e9);
-      signo = sigtimedwait(&signals, nullptr, &timeout);
+// What the signal thread tells the main thread: the first SIGINT/SIGTERM.
+class StopSignal {
+ public:
+  void Raise(int signo) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      signo_ = signo;
     }
-    if (signo > 0) return std::string("signal ") + strsignal(signo);
-    if (errno != EINTR && errno != EAGAIN) return "signal wait failed";
+    changed_.notify_all();
+  }
+  int signo() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return signo_;
+  }
+  // Waits for a signal or until limit_sec has passed (no limit: only a
+  // signal ends the wait). Describes what ended it.
+  std::string Wait(std::optional<double> limit_sec, const char* limit_name) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const auto raised = [this] { return signo_ != 0; };
+    if (!limit_sec) {
+      changed_.wait(lock, raised);
+    } else if (!changed_.wait_for(lock, std::chrono::duration<double>(*limit_sec), raised)) {
+      return limit_name;
+    }
+    return std::string("signal ") + strsignal(signo_);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int signo_ = 0;
+};
+
+// Runs for the whole life of the process on its own thread, the only one
+// that takes SIGINT and SIGTERM. The first asks for a stop and cuts short a
+// switch being configured; the second ends the process at once.
+void WatchSignals(sigset_t signals, StopSignal* stop, void (*interrupt_switch_enables)()) {
+  for (int count = 0;;) {
+    int signo = 0;
+    if (sigwait(&signals, &signo) != 0) continue;
+    if (++count == 1) {
+      if (interrupt_switch_enables != nullptr) interrupt_switch_enables();
+      printf("dtl-host: %s received, stopping (a second signal exits at once)\n", strsignal(signo));
+      stop->Raise(signo);
+      continue;
+    }
+    fprintf(stderr, "dtl-host: second signal (%s): exiting at once without finishing the stop\n",
+            strsignal(signo));
+    fflush(stdout);
+    _exit(128 + signo);
   }
 }
 
@@ -272,7 +303,15 @@ int Run(const HostArgs& args) {
   }
   PluginApi api;
   if (!LoadApi(plugin.get(), api)) return kExitFailed;
+  api.interrupt_switch_enables =
+      reinterpret_cast<void (*)()>(dlsym(plugin.get(), "dtl_ipfix_interrupt_switch_enables"));
   printf("dtl-host: loaded %s\n", path.c_str());
+
+  // Neither joined nor freed: the thread may be waiting for a signal, and
+  // using the object, until the process exits.
+  static StopSignal* const signal_state = new StopSignal;
+  StopSignal& stop = *signal_state;
+  std::thread(WatchSignals, signals, signal_state, api.interrupt_switch_enables).detach();
 
   OptionDict options(api);
   if (options.get() == nullptr) {
@@ -307,7 +346,8 @@ int Run(const HostArgs& args) {
       printf("dtl-host: no auto-stop timeout\n");
 
     if (!provider->start(provider)) {
-      fprintf(stderr, "dtl-host: the provider failed to start\n");
+      fprintf(stderr, "dtl-host: the provider failed to start%s\n",
+              stop.signo() != 0 ? " (interrupted)" : "");
       status = kExitFailed;
     } else {
       std::optional<double> limit = args.duration_sec;
@@ -317,7 +357,7 @@ int Run(const HostArgs& args) {
         limit_name = "auto-stop timeout reached";
       }
       printf("dtl-host: running; stop with Ctrl-C\n");
-      const std::string reason = WaitForStop(signals, limit, limit_name);
+      const std::string reason = stop.Wait(limit, limit_name);
       printf("dtl-host: stopping (%s)\n", reason.c_str());
       if (!provider->stop(provider)) {
         fprintf(stderr, "dtl-host: the provider failed to stop\n");

@@ -20,6 +20,7 @@ import http.server
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -34,7 +35,8 @@ import urllib.parse
 API_PREFIX = "/quil_v1"
 SCRIPT_DIR = os.path.dirname(os.path.abspath(__file__))
 DEFAULT_HFT_SIM = os.path.normpath(os.path.join(SCRIPT_DIR, "..", "..", "build", "bin", "hft-sim"))
-DEFAULT_INTERFACES = "Ethernet1/1,Ethernet1/2,Ethernet1/3,Ethernet1/4"
+# Names made only of letters, digits, "-" and "_", as a collector accepts them.
+DEFAULT_INTERFACES = "Ethernet1_1,Ethernet1_2,Ethernet1_3,Ethernet1_4"
 NOT_JSON_TEXT = "<html><body>this is not JSON</body></html>\n"
 
 
@@ -93,6 +95,20 @@ def subtree(tree, parts):
     return True, node
 
 
+def config_view(tree, parts):
+    """What a GET of the path answers, like a switch: the subtree, an empty
+    object for configuration that is merely not set, or (False, None) when
+    the path leads through a value that is not an object."""
+    node = tree
+    for key in parts:
+        if not isinstance(node, dict):
+            return False, None
+        if key not in node:
+            return True, {}
+        node = node[key]
+    return True, node
+
+
 def dig(tree, *keys):
     ok, value = subtree(tree, list(keys))
     return value if ok else None
@@ -108,7 +124,8 @@ def split_path(path):
 
 class Fault:
     """One --fault spec: "[NTH:]METHOD PATH_REGEX STATUS [BODY]". STATUS may be
-    "close" to drop the connection without an answer."""
+    "close" to drop the connection without an answer, or "hang" to hold the
+    request unanswered until the client gives up or the mock exits."""
 
     def __init__(self, spec):
         text = spec.strip()
@@ -124,6 +141,8 @@ class Fault:
         self.regex = re.compile(fields[1])
         if fields[2].lower() == "close":
             self.status = 0
+        elif fields[2].lower() == "hang":
+            self.status = -1
         else:
             self.status = int(fields[2])
             if not 100 <= self.status <= 599:
@@ -386,6 +405,18 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
         app.journal.write({"method": method, "path": path, "query": query, "body": body,
                            "status": status, "user": user})
+        if status == -1:
+            # Held until the client closes the connection (or the mock stops).
+            self.close_connection = True
+            while not app.stopping.is_set():
+                readable, _, _ = select.select([self.connection], [], [], 0.2)
+                if readable:
+                    try:
+                        if not self.connection.recv(1):
+                            break
+                    except (OSError, ValueError):
+                        break
+            return
         if after is not None:
             after()
         if app.options.slow > 0:
@@ -438,6 +469,7 @@ class App:
         self.sim = SimSupervisor(options, self.journal)
         self.faults = [Fault(spec) for spec in options.fault]
         self.fault_lock = threading.Lock()
+        self.stopping = threading.Event()
 
     def find_fault(self, method, target):
         # Every fault counts its own matches, so all of them are looked at.
@@ -462,7 +494,7 @@ class App:
             tree = self.switch.view(rev)
             if tree is None:
                 return 404, {"error": "unknown revision %s" % rev}, None
-            found, value = subtree(tree, parts)
+            found, value = config_view(tree, parts)
             if not found:
                 return 404, {"error": "path not found: /%s" % "/".join(parts)}, None
             return 200, value, None
@@ -546,7 +578,8 @@ def parse_args(argv):
   PATCH /quil_v1/<path>?rev=ID            merge the JSON body into revision ID at <path>
                                           (null removes a key, {} creates an empty object)
   PATCH /quil_v1/revision/ID              body {"state": "apply"}: apply ID's patches in order
-  GET   /quil_v1/<path>[?rev=applied|ID]  the applied (or ID's pending) subtree, 404 if absent
+  GET   /quil_v1/<path>[?rev=applied|ID]  the applied (or ID's pending) subtree; {} for
+                                          configuration not set, 404 below a non-object
   GET   /quil_v1/revision[/ID]            revision states
 
 After every apply: with system.telemetry.hft.export.state "enabled" and
@@ -599,7 +632,8 @@ Faults are looked at after authentication. Example:
                              '"?query" matches PATH_REGEX (re.search) are answered with STATUS '
                              "and BODY (default empty) instead of normal handling; with NTH only "
                              'the NTH matching request. STATUS "close" drops the connection '
-                             "without an answer.")
+                             'without an answer, "hang" holds the request unanswered until the '
+                             "client gives up.")
     faults.add_argument("--slow", type=float, default=0, metavar="SECONDS",
                         help="delay every answer by this many seconds")
     faults.add_argument("--not-json", action="append", default=[], metavar="PATH_REGEX",
@@ -667,6 +701,7 @@ def main(argv):
                 log("parent process is gone")
                 break
         log("stopping")
+        app.stopping.set()
         server.shutdown()
         server.server_close()
         sim.stop()
