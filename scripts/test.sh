@@ -47,17 +47,23 @@ cmake --build build-fuzz -j "$jobs" --target datagram_fuzz datagram_fuzz_seeds
     2>fuzz.log || { tail -60 fuzz.log; echo "fuzzing found a failure; input in build-fuzz/artifacts/"; exit 1; }
   grep -E '^stat::(number_of_executed_units|peak_rss_mb)' fuzz.log || true
 )
-echo "== fuzzing the data-file reader for ${READER_FUZZ_SECONDS:-30} s"
-cmake --build build-fuzz -j "$jobs" --target data_file_fuzz
-(
-  cd build-fuzz
-  mkdir -p reader-corpus reader-artifacts
-  bin/data_file_fuzz -max_total_time="${READER_FUZZ_SECONDS:-30}" -timeout=10 -rss_limit_mb=4096 \
-    -malloc_limit_mb=512 -print_final_stats=1 -artifact_prefix=reader-artifacts/ reader-corpus \
-    ../tests/fuzz/data_file_seeds 2>reader-fuzz.log ||
-    { tail -60 reader-fuzz.log; echo "fuzzing found a failure; input in build-fuzz/reader-artifacts/"; exit 1; }
-  grep -E '^stat::(number_of_executed_units|peak_rss_mb)' reader-fuzz.log || true
-)
+# The data-file reader and the switch answers, 30 s each, the same way.
+fuzz_more() {
+  local target=$1 seeds=$2
+  echo "== fuzzing $target for ${MORE_FUZZ_SECONDS:-30} s"
+  cmake --build build-fuzz -j "$jobs" --target "$target"
+  (
+    cd build-fuzz
+    mkdir -p "$target-corpus" "$target-artifacts"
+    "bin/$target" -max_total_time="${MORE_FUZZ_SECONDS:-30}" -timeout=10 -rss_limit_mb=4096 \
+      -malloc_limit_mb=512 -print_final_stats=1 -artifact_prefix="$target-artifacts/" "$target-corpus" \
+      "../tests/fuzz/$seeds" 2>"$target.log" ||
+      { tail -60 "$target.log"; echo "fuzzing found a failure; input in build-fuzz/$target-artifacts/"; exit 1; }
+    grep -E '^stat::(number_of_executed_units|peak_rss_mb)' "$target.log" || true
+  )
+}
+fuzz_more data_file_fuzz data_file_seeds
+fuzz_more switch_answer_fuzz switch_answer_seeds
 
 # With ARM64=1: the product's target architecture. Cross-builds the suites
 # that need no io_uring, sockets or threads of the host kernel for aarch64

@@ -1,7 +1,6 @@
 #include "switchcfg/hft_bodies.h"
 
 #include <algorithm>
-#include <sstream>
 
 namespace dtl::ipfix {
 
@@ -71,18 +70,6 @@ value BuildCleanupBody(const std::vector<std::string>& interfaces) {
     body["interface"] = std::move(unset);
   }
   return body;
-}
-
-value ParseSwitchAnswer(const std::string& text) {
-  // A stream read stops after the first complete value and leaves the rest.
-  std::istringstream in(text);
-  value answer;
-  try {
-    in >> answer;
-  } catch (const nlohmann::json::exception&) {
-    return value(value::value_t::discarded);
-  }
-  return answer;
 }
 
 std::optional<value> OwnIpfixExport(const value& applied, const QuilSwitchConfigurator::Config& config) {

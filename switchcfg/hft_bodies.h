@@ -55,10 +55,6 @@ dtl::json::value BuildInterfacesBody(const std::vector<std::string>& interfaces)
 // Unsets the HFT configuration and, per listed interface, its HFT settings.
 dtl::json::value BuildCleanupBody(const std::vector<std::string>& interfaces);
 
-// Reads a switch's answer: the first JSON value of the text, whatever
-// follows it; discarded when the text does not begin with one.
-dtl::json::value ParseSwitchAnswer(const std::string& text);
-
 // The applied IPFIX export settings when they are the switch's own (a
 // non-empty object whose destination is not this collector), else none.
 std::optional<dtl::json::value> OwnIpfixExport(const dtl::json::value& applied,

@@ -8,6 +8,7 @@
 
 #include "dtl_logger.h"
 #include "switchcfg/hft_bodies.h"
+#include "switchcfg/switch_answers.h"
 #include "switchcfg/quil_switch_configurator.h"
 
 namespace dtl::ipfix {
@@ -262,17 +263,13 @@ bool QuilSwitchConfigurator::CleanupHftConfig() {
         host.c_str(), config_.interfaces.size());
     interfaces = config_.interfaces;
   } else {
-    const dtl::json::value answer = dtl::json::value::parse(listing, nullptr, false);
+    const dtl::json::value answer = ParseSwitchAnswer(listing);
     if (!answer.is_object()) {
       DTL_LOG_WARNING(
           "[quil switch configurator] Cleanup: failed to parse /interface response as JSON object: %s",
           listing.c_str());
-    } else {
-      interfaces.reserve(answer.size());
-      for (const auto& member : answer.items()) {
-        if (!member.key().empty()) interfaces.push_back(member.key());
-      }
     }
+    interfaces = MemberNames(answer);
     DTL_LOG_INFO("[quil switch configurator] Cleanup: discovered %zu interfaces on switch %s",
                  interfaces.size(), host.c_str());
     const std::string shown = Join(interfaces, 5);

@@ -10,6 +10,7 @@
 #include "dtl_export.h"
 #include "dtl_logger.h"
 #include "switchcfg/hft_bodies.h"
+#include "switchcfg/switch_answers.h"
 
 namespace dtl::ipfix {
 
@@ -155,9 +156,7 @@ std::string QuilSwitchConfigurator::CreateRevision() {
     DTL_LOG_ERROR("[quil switch configurator] %s", last_error_.c_str());
     return "";
   }
-  // The identifier is the name of the first member; its value is not used.
-  std::string revision;
-  if (answer.is_object() && !answer.empty()) revision = answer.items().begin().key();
+  const std::string revision = RevisionOf(answer);
   if (revision.empty()) {
     last_error_ = "No revision ID in response";
     DTL_LOG_ERROR("[quil switch configurator] %s", last_error_.c_str());
@@ -200,18 +199,10 @@ bool QuilSwitchConfigurator::WaitForHftExportState(const std::string& expected) 
   for (int attempt = 0; attempt < kExportStatePolls; ++attempt) {
     const std::string body = GetConfig("/system/telemetry/hft?rev=applied");
     if (!body.empty()) {
-      const dtl::json::value answer = ParseSwitchAnswer(body);
-      if (answer.is_object()) {
-        const auto exported = answer.find("export");
-        if (exported != answer.end() && exported->is_object()) {
-          const auto state = exported->find("state");
-          if (state != exported->end() && state->is_string() &&
-              state->get_ref<const std::string&>() == expected) {
-            DTL_LOG_INFO("[quil switch configurator] HFT export.state reached '%s' on switch %s",
-                         expected.c_str(), config_.host.c_str());
-            return true;
-          }
-        }
+      if (ExportStateIs(ParseSwitchAnswer(body), expected)) {
+        DTL_LOG_INFO("[quil switch configurator] HFT export.state reached '%s' on switch %s",
+                     expected.c_str(), config_.host.c_str());
+        return true;
       }
     }
     if (Interrupted()) break;
@@ -224,16 +215,9 @@ bool QuilSwitchConfigurator::WaitForHftExportState(const std::string& expected) 
 }
 
 std::vector<std::string> QuilSwitchConfigurator::FetchAppliedKeys(const std::string& path) {
-  std::vector<std::string> keys;
   const std::string body = GetConfig(path + "?rev=applied");
-  if (body.empty()) return keys;
-  const dtl::json::value answer = ParseSwitchAnswer(body);
-  if (!answer.is_object()) return keys;
-  keys.reserve(answer.size());
-  for (const auto& member : answer.items()) {
-    if (!member.key().empty()) keys.push_back(member.key());
-  }
-  return keys;
+  if (body.empty()) return {};
+  return MemberNames(ParseSwitchAnswer(body));
 }
 
 }  // namespace dtl::ipfix
