@@ -47,10 +47,10 @@
 
 #include "dtl_data_file_header.h"
 #include "dtl_logger.h"
-#include "ipfix/ipfix_disk_writer.h"
+#include "storage/ipfix_disk_writer.h"
 #include "ipfix/ipfix_receiver.h"
 #include "ipfix/ipfix_recv_worker.h"
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 #include "tools/hft_sim/hft_simulator.h"
 
 namespace {
@@ -150,8 +150,7 @@ class RingSink final : public dtl::ipfix::IpfixSessionSink {
   bool Start() override { return true; }
   void Stop() override {}
   const std::string& root() const override { return root_; }
-  void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,
-                           const dtl::ipfix::SchemaSnapshot& snapshot) override {
+  void ProcessSchemaUpdate(size_t, const std::string&, const dtl::ipfix::SchemaSnapshot& snapshot) override {
     block_size_ = static_cast<uint32_t>((snapshot.flat_fields.size() + 2) * 8);
     const auto sizing = IpfixDiskWriter::ComputePageSizing(block_size_, 1000);
     capacity_ = sizing.batch_capacity;

@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "dtl_logger.h"
-#include "ipfix/io_uring_writer.h"
+#include "storage/io_uring_writer.h"
 
 namespace {
 

@@ -47,7 +47,8 @@
 #include "dtl_data_file_header.h"
 #include "dtl_logger.h"
 #include "ipfix/ipfix_receiver.h"
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_disk_writer.h"
+#include "storage/ipfix_session_sink.h"
 #include "tests/support/udp_port_sockets.h"
 
 namespace {
@@ -117,8 +118,7 @@ class CountingSink final : public dtl::ipfix::IpfixSessionSink {
   bool Start() override { return true; }
   void Stop() override {}
   const std::string& root() const override { return root_; }
-  void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,
-                           const dtl::ipfix::SchemaSnapshot& snapshot) override {
+  void ProcessSchemaUpdate(size_t, const std::string&, const dtl::ipfix::SchemaSnapshot& snapshot) override {
     block_.assign(snapshot.flat_fields.size() * 8 + 64, 0);
   }
   uint8_t* AcquireRecordValueSlot(size_t, const std::string&, uint32_t, uint32_t,
@@ -314,13 +314,14 @@ Outcome RunStore(const Options& o, uint64_t rate) {
   }
   const fs::path base = pattern.data();
   dtl::ipfix::IpfixReceiver::Config config = ReceiverConfig(o);
-  config.disk.root = (base / "root").string();
-  config.disk.workers = 1;
-  config.disk.max_sessions = config.max_sessions;
-  config.disk.direct_io = o.direct_io;
-  config.disk.flush_idle_ms = o.flush_idle_ms;
+  dtl::ipfix::DiskWriterConfig disk;
+  disk.root = (base / "root").string();
+  disk.workers = 1;
+  disk.max_sessions = config.max_sessions;
+  disk.direct_io = o.direct_io;
+  disk.flush_idle_ms = o.flush_idle_ms;
   {
-    dtl::ipfix::IpfixReceiver receiver(config);
+    dtl::ipfix::IpfixReceiver receiver(config, std::make_unique<dtl::ipfix::IpfixDiskWriter>(disk));
     receiver.Start();
     out = Measure(o, rate, [&] { return receiver.GetStats().packets_received; }, CpuSeconds);
     receiver.Stop();

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "dtl_logger.h"
-#include "ipfix/ipfix_disk_writer.h"
 
 namespace dtl::ipfix {
 
@@ -38,16 +37,6 @@ void SleepTenthOfSecond() {
 }
 
 }  // namespace
-
-IpfixReceiver::IpfixReceiver(const Config& config) : config_(config) {
-  if (config_.disk.root.empty()) return;
-  // The writer keeps one shard per worker, indexed by the worker number, so
-  // it needs at least as many shards as there are workers.
-  IpfixDiskWriter::Config disk = config_.disk;
-  const uint64_t workers = config_.workers == 0 ? 1 : config_.workers;
-  if (disk.workers < workers) disk.workers = workers;
-  sink_ = std::make_unique<IpfixDiskWriter>(disk);
-}
 
 IpfixReceiver::IpfixReceiver(const Config& config, std::unique_ptr<IpfixSessionSink> sink)
     : config_(config), sink_(std::move(sink)) {}

@@ -1,6 +1,6 @@
 // The IPFIX collector's UDP side: N receive workers sharing one port, the
-// statistics thread that logs their counters, and the sink (disk writer)
-// that the workers' sessions hand decoded data to.
+// statistics thread that logs their counters, and the sink that the workers'
+// sessions hand decoded data to (storage, known only through its interface).
 #pragma once
 
 #include <netinet/in.h>
@@ -13,17 +13,14 @@
 #include <thread>
 #include <vector>
 
-#include "ipfix/disk_writer_config.h"
 #include "ipfix/ipfix_recv_worker.h"
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 #include "ipfix/session_key.h"
 
 namespace dtl::ipfix {
 
 class IpfixReceiver {
  public:
-  using DiskConfig = DiskWriterConfig;
-
   struct Config {
     uint16_t port = 4739;
     uint64_t max_sessions = 256;
@@ -34,13 +31,10 @@ class IpfixReceiver {
     uint32_t backoff_max_us = 100;
     std::string bind_device;
     uint32_t session_timeout_sec = 300;
-    DiskConfig disk;  // an empty root means nothing is stored
   };
 
-  // Opens nothing and starts nothing.
-  explicit IpfixReceiver(const Config& config);
-  // As above with the sink given by the caller (may be null).
-  IpfixReceiver(const Config& config, std::unique_ptr<IpfixSessionSink> sink);
+  // Opens nothing and starts nothing. Without a sink nothing is stored.
+  explicit IpfixReceiver(const Config& config, std::unique_ptr<IpfixSessionSink> sink = nullptr);
   ~IpfixReceiver();
 
   IpfixReceiver(const IpfixReceiver&) = delete;

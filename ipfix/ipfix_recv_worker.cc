@@ -17,7 +17,7 @@
 #include "dtl_logger.h"
 #include "ipfix/ipfix_receiver.h"
 #include "ipfix/ipfix_session.h"
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 #include "ipfix/message_parser.h"
 
 namespace dtl::ipfix {

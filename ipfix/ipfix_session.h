@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 #include "ipfix/message_parser.h"
-#include "ipfix/schema_snapshot.h"
+#include "storage/schema_snapshot.h"
 #include "ipfix/sequence_tracker.h"
 
 namespace dtl::ipfix {

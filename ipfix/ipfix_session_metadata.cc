@@ -298,9 +298,7 @@ void IpfixSession::NotifySchemaChange() {
       display_name_.c_str(), snapshot.flat_fields.size(), switch_name_.c_str());
   DropPendingSample();
   parked_.active = false;
-  uint32_t domain = 0;
-  if (key_.size() >= 6) std::memcpy(&domain, key_.data() + 2, sizeof(domain));
-  sink_->ProcessSchemaUpdate(worker_id_, key_, display_name_, domain, snapshot);
+  sink_->ProcessSchemaUpdate(worker_id_, key_, snapshot);
   schema_dirty_ = false;
 }
 
@@ -308,41 +306,43 @@ SchemaSnapshot IpfixSession::GetSchemaSnapshot() const {
   SchemaSnapshot snapshot;
   snapshot.reserved = 0;
   snapshot.switch_name = switch_name_;
+  snapshot.display_name = display_name_;
   if (key_.size() >= 2) {
     uint16_t port_be;
     std::memcpy(&port_be, key_.data(), sizeof(port_be));
     snapshot.exporter_port = ntohs(port_be);
   }
+  if (key_.size() >= 6) std::memcpy(&snapshot.observation_domain_id, key_.data() + 2, sizeof(uint32_t));
   snapshot.counter_names = counter_names_;
   snapshot.metadata_definitions = metadata_definitions_;
   snapshot.metadata_mappings = MappingsInUse(metadata_mappings_, MappedFieldCounts());
-
-  for (size_t i = 0; i < kCounterTemplateSlots; ++i) {
-    if (!counter_templates_[i].present) continue;
-    ParsedTemplate copy = counter_templates_[i].tmpl;
-    // Only fields that become a stored value are described: the sample time
-    // goes to the block header, and a variable-length field is no counter
-    // (extraction skips it), so the flat list matches the block exactly.
-    std::erase_if(copy.fields, [](const ParsedFieldSpecifier& f) { return !IsStoredCounter(f); });
-    snapshot.counter_templates.emplace(static_cast<uint16_t>(kFirstCounterTemplateId + i), std::move(copy));
-  }
 
   std::map<uint16_t, std::vector<uint64_t>> ids_by_template;
   for (const auto& [template_ref, metadata_id] : snapshot.metadata_mappings)
     ids_by_template[template_ref].push_back(metadata_id);
 
-  for (const auto& [template_id, tmpl] : snapshot.counter_templates) {
+  for (size_t slot = 0; slot < kCounterTemplateSlots; ++slot) {
+    if (!counter_templates_[slot].present) continue;
+    const auto template_id = static_cast<uint16_t>(kFirstCounterTemplateId + slot);
     const auto group = ids_by_template.find(template_id);
-    for (size_t i = 0; i < tmpl.fields.size(); ++i) {
+    size_t i = 0;
+    // Only fields that become a stored value are described: the sample time
+    // goes to the block header, and a variable-length field is no counter
+    // (extraction skips it), so the flat list matches the block exactly.
+    for (const ParsedFieldSpecifier& field : counter_templates_[slot].tmpl.fields) {
+      if (!IsStoredCounter(field)) continue;
       FlatFieldInfo info;
       info.template_id = template_id;
-      info.element_id = tmpl.fields[i].element_id;
+      info.element_id = field.element_id;
+      info.length = field.length;
+      info.enterprise_number = field.enterprise_number;
       const auto name = counter_names_.find(info.element_id);
       info.name = name != counter_names_.end() ? name->second : "ie_" + std::to_string(info.element_id);
       if (group != ids_by_template.end() && group->second.size() > i) info.metadata_id = group->second[i];
       const auto definition = metadata_definitions_.find(info.metadata_id);
       if (definition != metadata_definitions_.end()) info.metadata = definition->second;
       snapshot.flat_fields.push_back(std::move(info));
+      ++i;
     }
   }
   return snapshot;

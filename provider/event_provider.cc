@@ -9,6 +9,7 @@
 #include "dtl_source.h"
 #include "provider/ipfix_provider_context.h"
 #include "provider/provider_config.h"
+#include "storage/ipfix_disk_writer.h"
 
 using dtl::ipfix::IpfixProviderContext;
 
@@ -95,13 +96,24 @@ bool ProviderFillInfo(dtl_event_provider_t* provider, void*, dtl_provider_info_t
 
 void ProviderAuxHook(dtl_event_provider_t*, void*) {}
 
+// The disk writer the receiver's sessions store through; none without a
+// data root.
+std::unique_ptr<dtl::ipfix::IpfixSessionSink> MakeStorage(const dtl::ipfix::CollectorConfig& config) {
+  if (config.disk.root.empty()) return nullptr;
+  // The writer keeps one shard per worker, indexed by the worker number, so
+  // it needs at least as many shards as there are workers.
+  dtl::ipfix::DiskWriterConfig disk = config.disk;
+  const uint64_t workers = config.workers == 0 ? 1 : config.workers;
+  if (disk.workers < workers) disk.workers = workers;
+  return std::make_unique<dtl::ipfix::IpfixDiskWriter>(disk);
+}
+
 std::unique_ptr<IpfixProviderContext> BuildContext(const dtl_custom_options* options) {
   using namespace dtl::ipfix;
   WarnAboutUnknownOptions(options);
-  const IpfixReceiver::Config config = ReadReceiverConfig(options);
   auto context = std::make_unique<IpfixProviderContext>();
-  context->config = config;
-  context->receiver = std::make_unique<IpfixReceiver>(context->config);
+  context->config = ReadCollectorConfig(options);
+  context->receiver = std::make_unique<IpfixReceiver>(context->config, MakeStorage(context->config));
   // Switch options are read only once the receiver exists.
   context->switches = BuildSwitchConfigurators(options, context->config.port);
   if (!context->switches.empty()) {

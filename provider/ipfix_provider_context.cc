@@ -15,7 +15,7 @@ constexpr uint32_t kAutoStopDeltaSec = 5;
 IpfixProviderContext::~IpfixProviderContext() {
   for (auto& configurator : switches) configurator.reset();
   switches.clear();
-  config = IpfixReceiver::Config{};  // its strings go before the receiver
+  config = CollectorConfig{};  // its strings go before the receiver
   receiver.reset();
 }
 

@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "ipfix/ipfix_receiver.h"
+#include "provider/provider_config.h"
 #include "switchcfg/quil_switch_configurator.h"
 
 namespace dtl::ipfix {
 
 struct IpfixProviderContext {
   std::unique_ptr<IpfixReceiver> receiver;
-  IpfixReceiver::Config config;
+  CollectorConfig config;
   std::vector<std::unique_ptr<QuilSwitchConfigurator>> switches;
 
   IpfixProviderContext() = default;

@@ -210,8 +210,8 @@ std::string ReadSwitchList(const dtl_custom_options* options, const std::string&
 
 }  // namespace
 
-IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options) {
-  IpfixReceiver::Config config;
+CollectorConfig ReadCollectorConfig(const dtl_custom_options* options) {
+  CollectorConfig config;
   config.port = ReadPort(options, "ipfix-receiver-port", 4739);
   config.max_sessions = ReadNumber(options, "ipfix-receiver-max-sessions", 256, 1, UINT32_MAX);
   config.recv_buffer_size = ReadSize(options, "ipfix-receiver-receive-buffer-size", 33554432);

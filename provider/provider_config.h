@@ -10,9 +10,15 @@
 
 #include "dtl_dict.h"
 #include "ipfix/ipfix_receiver.h"
+#include "storage/disk_writer_config.h"
 #include "switchcfg/quil_switch_configurator.h"
 
 namespace dtl::ipfix {
+
+// The receiver's settings plus where and how its samples are stored.
+struct CollectorConfig : IpfixReceiver::Config {
+  DiskWriterConfig disk;  // an empty root means nothing is stored
+};
 
 // The global switch options, the defaults of every per-switch key.
 struct SwitchDefaults {
@@ -49,7 +55,7 @@ struct SwitchDefaults {
 void WarnAboutUnknownOptions(const dtl_custom_options* options);
 
 // Receiver and disk options, with the disk-root and configuration log lines.
-IpfixReceiver::Config ReadReceiverConfig(const dtl_custom_options* options);
+CollectorConfig ReadCollectorConfig(const dtl_custom_options* options);
 
 // The global switch options; receiver_port becomes every collector port.
 SwitchDefaults ReadSwitchDefaults(const dtl_custom_options* options, uint16_t receiver_port);

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "ipfix/ipfix_recv_worker.h"
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 
 namespace {
 
@@ -30,8 +30,7 @@ class ScratchSink final : public IpfixSessionSink {
   bool Start() override { return true; }
   void Stop() override {}
   const std::string& root() const override { return root_; }
-  void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,
-                           const SchemaSnapshot& snapshot) override {
+  void ProcessSchemaUpdate(size_t, const std::string&, const SchemaSnapshot& snapshot) override {
     schema_fields_ = snapshot.flat_fields.size();
   }
   uint8_t* AcquireRecordValueSlot(size_t, const std::string&, uint32_t, uint32_t,

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 
 class RecordingSink : public dtl::ipfix::IpfixSessionSink {
  public:
@@ -48,10 +48,10 @@ class RecordingSink : public dtl::ipfix::IpfixSessionSink {
   }
   const std::string& root() const override { return root_; }
 
-  void ProcessSchemaUpdate(size_t worker_id, const std::string& key, const std::string& display_name,
-                           uint32_t domain_id, const dtl::ipfix::SchemaSnapshot& snapshot) override {
+  void ProcessSchemaUpdate(size_t worker_id, const std::string& key,
+                           const dtl::ipfix::SchemaSnapshot& snapshot) override {
     std::lock_guard lock(mutex_);
-    schema_updates_.push_back({worker_id, key, display_name, domain_id, snapshot});
+    schema_updates_.push_back({worker_id, key, snapshot.display_name, snapshot.observation_domain_id, snapshot});
   }
 
   uint8_t* AcquireRecordValueSlot(size_t worker_id, const std::string& key, uint32_t time_sec,

@@ -21,8 +21,9 @@
 
 #include "support/free_udp_port.h"
 #include "support/log_capture.h"
+#include "support/wait_for.h"
 #include "dtl_logger.h"
-#include "ipfix/ipfix_session_sink.h"
+#include "storage/ipfix_session_sink.h"
 
 namespace recv_test {
 
@@ -37,8 +38,7 @@ class CountingSink : public dtl::ipfix::IpfixSessionSink {
   }
   void Stop() override { ++stops; }
   const std::string& root() const override { return root_; }
-  void ProcessSchemaUpdate(size_t, const std::string&, const std::string&, uint32_t,
-                           const dtl::ipfix::SchemaSnapshot&) override {}
+  void ProcessSchemaUpdate(size_t, const std::string&, const dtl::ipfix::SchemaSnapshot&) override {}
   uint8_t* AcquireRecordValueSlot(size_t, const std::string&, uint32_t, uint32_t, uint64_t) override {
     return nullptr;
   }
@@ -61,15 +61,7 @@ class CountingSink : public dtl::ipfix::IpfixSessionSink {
   std::vector<std::pair<size_t, std::string>> removed_;
 };
 
-// Polls cond until it holds or 5 s have passed.
-inline bool WaitFor(const std::function<bool()>& cond) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+using dtl_test::WaitFor;
 
 // A UDP port that was free a moment ago.
 using dtl_test::FreeUdpPort;

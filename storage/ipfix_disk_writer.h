@@ -25,12 +25,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "ipfix/async_data_file.h"
-#include "ipfix/disk_retention.h"
-#include "ipfix/disk_writer_config.h"
-#include "ipfix/io_uring_writer.h"
-#include "ipfix/ipfix_session_sink.h"
-#include "ipfix/schema_snapshot.h"
+#include "storage/async_data_file.h"
+#include "storage/disk_retention.h"
+#include "storage/disk_writer_config.h"
+#include "storage/io_uring_writer.h"
+#include "storage/ipfix_session_sink.h"
+#include "storage/schema_snapshot.h"
 
 namespace dtl::ipfix {
 
@@ -167,8 +167,7 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   void Stop() override;
   const std::string& root() const override { return config_.root; }
 
-  void ProcessSchemaUpdate(size_t worker_id, const std::string& key, const std::string& display_name,
-                           uint32_t domain_id, const SchemaSnapshot& snapshot) override;
+  void ProcessSchemaUpdate(size_t worker_id, const std::string& key, const SchemaSnapshot& snapshot) override;
   uint8_t* AcquireRecordValueSlot(size_t worker_id, const std::string& key, uint32_t time_sec,
                                   uint32_t time_nsec, uint64_t values_size) override;
   void CommitRecord(size_t worker_id, const std::string& key, uint64_t values_size) override;
@@ -238,8 +237,7 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   void ForgetSlot(int slot);
   void ReleaseSessionSlots(DomainState& state);
 
-  void ApplySchemaUpdate(size_t worker_id, const std::string& key, const std::string& display_name,
-                         uint32_t domain_id, const SchemaSnapshot& snapshot);
+  void ApplySchemaUpdate(size_t worker_id, const std::string& key, const SchemaSnapshot& snapshot);
   void CreateDataFile(DomainState& state);
   void WriteSchemaJson(DomainState& state, const SchemaSnapshot& snapshot);
   void WriteMetadataJson(DomainState& state, const SchemaSnapshot& snapshot);

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "ipfix/disk_writer_config.h"
+#include "storage/disk_writer_config.h"
 
 namespace dtl::ipfix {
 

@@ -1,4 +1,4 @@
-#include "ipfix/disk_retention.h"
+#include "storage/disk_retention.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "dtl_data_file_header.h"
-#include "recv_test_support.h"
+#include "ipfix/recv_test_support.h"
 
 namespace {
 

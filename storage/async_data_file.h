@@ -10,7 +10,7 @@
 
 #include "dtl_data_file_header.h"
 #include "dtl_source.h"
-#include "ipfix/data_file_paths.h"
+#include "storage/data_file_paths.h"
 
 namespace dtl::ipfix {
 

@@ -1,6 +1,6 @@
-// A session's complete schema as handed to the disk writer: names, metadata,
-// counter templates and the flat list of counter fields whose order is the
-// order of the values in every stored sample.
+// A session's complete schema as handed to storage: names, metadata and the
+// flat list of counter fields whose order is the order of the values in every
+// stored sample. Plain data, so that storage needs nothing of the decoder.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "ipfix/message_parser.h"
 
 namespace dtl::ipfix {
 
@@ -21,6 +19,8 @@ struct FlatFieldInfo {
   std::string name;          // counter name, or "ie_<element>" when none is known
   uint64_t metadata_id = 0;  // 0 when no mapping covers this field
   MetadataPairs metadata;    // empty when metadata_id is not defined
+  uint16_t length = 0;       // bytes of the value in the exporter's record
+  uint32_t enterprise_number = 0;  // 0 for an IANA element
 
   bool operator==(const FlatFieldInfo&) const = default;
 };
@@ -28,11 +28,12 @@ struct FlatFieldInfo {
 struct SchemaSnapshot {
   uint32_t reserved = 0;
   std::string switch_name;
+  std::string display_name;    // exporter address, port and domain, for log lines
+  uint32_t observation_domain_id = 0;
   uint16_t exporter_port = 0;  // host order
   std::map<uint16_t, std::string> counter_names;
   std::map<uint64_t, MetadataPairs> metadata_definitions;
   std::vector<std::pair<uint16_t, uint64_t>> metadata_mappings;  // (template, metadata id)
-  std::map<uint16_t, ParsedTemplate> counter_templates;          // time fields removed
   std::vector<FlatFieldInfo> flat_fields;
 };
 

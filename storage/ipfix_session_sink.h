@@ -1,5 +1,6 @@
-// What the receive path hands decoded data to. The disk writer is the
-// production implementation; tests plug in recorders. Every call carries the
+// The seam between reception and storage: what the receive path hands decoded
+// samples and schemas to. The disk writer is the production implementation;
+// tests and benchmarks plug in recorders. Every call carries the
 // worker index so an implementation can keep per-worker state without locks.
 #pragma once
 
@@ -7,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ipfix/schema_snapshot.h"
+#include "storage/schema_snapshot.h"
 
 namespace dtl::ipfix {
 
@@ -26,7 +27,6 @@ class IpfixSessionSink {
   // A session's schema became complete or changed. Called from the worker's
   // thread; the snapshot is only borrowed for the call.
   virtual void ProcessSchemaUpdate(size_t worker_id, const std::string& key,
-                                   const std::string& display_name, uint32_t domain_id,
                                    const SchemaSnapshot& snapshot) = 0;
 
   // Memory for one sample's values (values_size bytes), or null when the

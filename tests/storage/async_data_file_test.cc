@@ -1,4 +1,4 @@
-#include "ipfix/async_data_file.h"
+#include "storage/async_data_file.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "dtl_data_file_header.h"
-#include "ipfix/io_uring_writer.h"
-#include "recv_test_support.h"
+#include "storage/io_uring_writer.h"
+#include "ipfix/recv_test_support.h"
 
 namespace {
 

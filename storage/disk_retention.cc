@@ -1,4 +1,4 @@
-#include "ipfix/disk_retention.h"
+#include "storage/disk_retention.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // The shared io_uring writer against real rings, real files and pipes.
-#include "ipfix/io_uring_writer.h"
+#include "storage/io_uring_writer.h"
 
 #include <fcntl.h>
 #include <signal.h>

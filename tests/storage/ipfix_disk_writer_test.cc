@@ -2,7 +2,7 @@
 // and metadata publication, samples read back byte for byte (direct I/O on
 // and off), header pages of new files, rotation, removal, schema changes,
 // hostile names, and the whole path from a simulated switch to the files.
-#include "ipfix/ipfix_disk_writer.h"
+#include "storage/ipfix_disk_writer.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -20,7 +20,7 @@
 #include "dtl_counters.h"
 #include "dtl_data_file_header.h"
 #include "ipfix/ipfix_receiver.h"
-#include "recv_test_support.h"
+#include "ipfix/recv_test_support.h"
 #include "tools/hft_sim/counter_layout.h"
 #include "tools/hft_sim/hft_simulator.h"
 
@@ -49,20 +49,17 @@ SchemaSnapshot Snapshot(const std::string& switch_name, size_t fields,
   SchemaSnapshot s;
   s.switch_name = switch_name;
   s.exporter_port = 4739;
-  dtl::ipfix::ParsedTemplate t;
-  t.template_id = 300;
   for (size_t i = 0; i < fields; ++i) {
     const auto element = static_cast<uint16_t>(1000 + i);
-    t.fields.push_back({element, 8, false});
     s.counter_names[element] = "c" + std::to_string(i);
     FlatFieldInfo f;
     f.template_id = 300;
     f.element_id = element;
+    f.length = 8;
     f.name = s.counter_names[element];
     if (i < metadata.size()) f.metadata = metadata[i];
     s.flat_fields.push_back(f);
   }
-  s.counter_templates[300] = t;
   return s;
 }
 
@@ -211,7 +208,7 @@ TEST_F(DiskWriterTest, PublishesSchemaAndCompactMetadata) {
                                  {{"interface", "eth2"}}});
   s.flat_fields[0].name = s.flat_fields[1].name = "tx_bytes";
   const std::string key = Key("192.0.2.1", 4739, 7);
-  w->ProcessSchemaUpdate(0, key, "192.0.2.1:4739/domain_7", 7, s);
+  w->ProcessSchemaUpdate(0, key, s);
 
   const auto* state = w->FindSession(0, key);
   ASSERT_NE(state, nullptr);
@@ -250,9 +247,9 @@ TEST_F(DiskWriterTest, PublishesSchemaAndCompactMetadata) {
 
   // The same schema again changes nothing; another session with it finds
   // the schema file on disk.
-  w->ProcessSchemaUpdate(0, key, "x", 7, s);
+  w->ProcessSchemaUpdate(0, key, s);
   EXPECT_EQ(log.Count("metadata.json updated"), 1u);
-  w->ProcessSchemaUpdate(1, Key("192.0.2.2", 4739, 7), "y", 7, s);
+  w->ProcessSchemaUpdate(1, Key("192.0.2.2", 4739, 7), s);
   EXPECT_EQ(log.Count("schema already on disk, not rewriting"), 1u);
   EXPECT_EQ(log.Count("Session leaf1: schema updated"), 1u);
 }
@@ -260,7 +257,7 @@ TEST_F(DiskWriterTest, PublishesSchemaAndCompactMetadata) {
 TEST_F(DiskWriterTest, UnknownSourceWithoutMetadataHasNoShapeGroups) {
   LogCapture log;
   auto w = StartWriter();
-  w->ProcessSchemaUpdate(0, Key("192.0.2.1", 1, 1), "n", 1, Snapshot("", 2));
+  w->ProcessSchemaUpdate(0, Key("192.0.2.1", 1, 1), Snapshot("", 2));
   const auto* state = w->FindSession(0, Key("192.0.2.1", 1, 1));
   ASSERT_NE(state, nullptr);
   EXPECT_EQ(state->src, "unknown");
@@ -277,7 +274,7 @@ TEST_P(DiskWriterIoTest, SamplesReadBackExactly) {
   config_.direct_io = GetParam();
   auto w = StartWriter();
   const std::string key = Key("192.0.2.1", 4739, 7);
-  w->ProcessSchemaUpdate(1, key, "s", 7, Snapshot("leaf1", 30));
+  w->ProcessSchemaUpdate(1, key, Snapshot("leaf1", 30));
 
   // The header page (15 blocks of 256 bytes) goes out with the 15th sample.
   WriteSamples(*w, key, 30, 0, 14, 1);
@@ -315,7 +312,7 @@ TEST_F(DiskWriterTest, RotationStartsEachFileWithAHeaderPage) {
   auto w = StartWriter();
   const std::string key = Key("192.0.2.1", 4739, 7);
   auto s = Snapshot("leaf1", 30);
-  w->ProcessSchemaUpdate(0, key, "s", 7, s);
+  w->ProcessSchemaUpdate(0, key, s);
   const uint64_t total = 15 + 4096 + 10;
   WriteSamples(*w, key, 30, 0, total);
   w.reset();
@@ -335,12 +332,12 @@ TEST_F(DiskWriterTest, RotationStartsEachFileWithAHeaderPage) {
 TEST_F(DiskWriterTest, RemoveSessionFlushesThePartialPage) {
   auto w = StartWriter();
   const std::string key = Key("192.0.2.1", 4739, 7);
-  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  w->ProcessSchemaUpdate(0, key, Snapshot("leaf1", 30));
   WriteSamples(*w, key, 30, 0, 20);
   w->RemoveSession(0, key);
   EXPECT_EQ(w->FindSession(0, key), nullptr);
   // The same exporter again gets a fresh state, and its samples go there.
-  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  w->ProcessSchemaUpdate(0, key, Snapshot("leaf1", 30));
   WriteSamples(*w, key, 30, 100, 5);
   ASSERT_NE(w->FindSession(0, key), nullptr);
   EXPECT_EQ(w->FindSession(0, key)->count, 5u);
@@ -359,7 +356,7 @@ TEST_F(DiskWriterTest, BlockSizeWithoutAlignedHeaderPageIsStoredBuffered) {
   LogCapture log;
   auto w = StartWriter();
   const std::string key = Key("192.0.2.1", 4739, 7);
-  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 62));
+  w->ProcessSchemaUpdate(0, key, Snapshot("leaf1", 62));
   EXPECT_EQ(log.Count("block_size 512 has no 4K-aligned header page"), 1u);
   WriteSamples(*w, key, 62, 0, 2048 + 4);
   w.reset();
@@ -376,16 +373,16 @@ TEST_F(DiskWriterTest, TemplateChangeWithSameNamesStartsANewFile) {
   const std::string key = Key("192.0.2.1", 4739, 7);
   SchemaSnapshot a = Snapshot("leaf1", 2);
   SchemaSnapshot b = a;  // one more counter in template 300, no new name
-  b.counter_templates[300].fields.push_back({1002, 8, false});
   FlatFieldInfo extra;
   extra.template_id = 300;
   extra.element_id = 1002;
+  extra.length = 8;
   extra.name = "ie_1002";
   b.flat_fields.push_back(extra);
 
-  w->ProcessSchemaUpdate(0, key, "s", 7, a);
+  w->ProcessSchemaUpdate(0, key, a);
   WriteSamples(*w, key, 2, 0, 20);
-  w->ProcessSchemaUpdate(0, key, "s", 7, b);
+  w->ProcessSchemaUpdate(0, key, b);
   EXPECT_EQ(w->FindSession(0, key)->block_size, 40u);
   WriteSamples(*w, key, 3, 20, 20);
   w.reset();
@@ -408,7 +405,7 @@ TEST_F(DiskWriterTest, InvalidUtf8NamesStillPublishValidJson) {
   const std::string key = Key("192.0.2.1", 4739, 7);
   auto s = Snapshot("sw\xff", 2, {{{"if\xc3", "eth\xfe"}}});
   s.flat_fields[1].name = "c\xe2\x82";  // truncated sequence
-  w->ProcessSchemaUpdate(0, key, "s", 7, s);
+  w->ProcessSchemaUpdate(0, key, s);
   const auto* state = w->FindSession(0, key);
   ASSERT_NE(state, nullptr);
   char id[DTL_SCHEMA_ID_STRING_SIZE];
@@ -430,7 +427,7 @@ TEST_F(DiskWriterTest, HostileSwitchNamesStayUnderTheRoot) {
   const std::vector<std::string> names = {"../x", "a/b", "", std::string("\x01\n\x7f", 3), "..", "%D"};
   for (size_t i = 0; i < names.size(); ++i) {
     const std::string key = Key("192.0.2.1", static_cast<uint16_t>(100 + i), 1);
-    w->ProcessSchemaUpdate(0, key, "s", 1, Snapshot(names[i], 2));
+    w->ProcessSchemaUpdate(0, key, Snapshot(names[i], 2));
     WriteSamples(*w, key, 2, i * 10, 3);
   }
   w.reset();
@@ -454,11 +451,11 @@ TEST_F(DiskWriterTest, DropsAreReportedAndLeaveThePageAlone) {
   auto w = StartWriter();
   const std::string key = Key("192.0.2.1", 4739, 7);
   EXPECT_EQ(w->AcquireRecordValueSlot(0, key, 1, 0, 8), nullptr);
-  EXPECT_EQ(log.Count("AcquireRecordValueSlot: no state for session=192.0.2.1:4739/domain_7"), 1u);
+  EXPECT_EQ(log.Count("AcquireRecordValueSlot: a session without schema on worker=0"), 1u);
   EXPECT_EQ(w->AcquireRecordValueSlot(9, key, 1, 0, 8), nullptr);
   EXPECT_EQ(log.Count("AcquireRecordValueSlot: bad worker_id=9 (shards=2)"), 1u);
 
-  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 2));
+  w->ProcessSchemaUpdate(0, key, Snapshot("leaf1", 2));
   WriteSamples(*w, key, 2, 0, 2);
   EXPECT_EQ(w->AcquireRecordValueSlot(0, key, 77, 0, 24), nullptr);
   EXPECT_EQ(log.Count("values_size=24 exceeds values_capacity=16 (block_size=32)"), 1u);
@@ -481,9 +478,9 @@ TEST_F(DiskWriterTest, ExhaustedSlotPoolFallsBackToUnregisteredWrites) {
   auto w = StartWriter();
   ASSERT_EQ(w->pool_slots(), 4u);
   const std::string k1 = Key("192.0.2.1", 1, 1), k2 = Key("192.0.2.1", 2, 1), k3 = Key("192.0.2.1", 3, 1);
-  w->ProcessSchemaUpdate(0, k1, "a", 1, Snapshot("a", 30));
-  w->ProcessSchemaUpdate(0, k2, "b", 1, Snapshot("b", 30));
-  w->ProcessSchemaUpdate(0, k3, "c", 1, Snapshot("c", 30));
+  w->ProcessSchemaUpdate(0, k1, Snapshot("a", 30));
+  w->ProcessSchemaUpdate(0, k2, Snapshot("b", 30));
+  w->ProcessSchemaUpdate(0, k3, Snapshot("c", 30));
   const auto* s1 = w->FindSession(0, k1);
   const auto* s2 = w->FindSession(0, k2);
   const auto* s3 = w->FindSession(0, k3);
@@ -499,7 +496,7 @@ TEST_F(DiskWriterTest, ExhaustedSlotPoolFallsBackToUnregisteredWrites) {
   // Removing a session frees its slots for the next one.
   w->RemoveSession(0, k1);
   const std::string k4 = Key("192.0.2.1", 4, 1);
-  w->ProcessSchemaUpdate(0, k4, "d", 1, Snapshot("d", 30));
+  w->ProcessSchemaUpdate(0, k4, Snapshot("d", 30));
   const auto* s4 = w->FindSession(0, k4);
   EXPECT_EQ((std::vector<int>{s4->buf_index[0], s4->buf_index[1], s4->header_buf_index}),
             (std::vector<int>{0, 1, 2}));
@@ -525,8 +522,8 @@ TEST_F(DiskWriterTest, SimulatedSwitchesEndUpOnDiskExactlyOnce) {
   config.workers = 2;
   config.backoff_min_us = 20;
   config.backoff_max_us = 200;
-  config.disk = config_;
-  config.disk.workers = 2;
+  IpfixDiskWriter::Config disk = config_;
+  disk.workers = 2;
 
   const std::vector<std::string> switches = {"leaf-a", "leaf-b"};
   std::vector<dtl::hftsim::SimConfig> sims;
@@ -547,7 +544,7 @@ TEST_F(DiskWriterTest, SimulatedSwitchesEndUpOnDiskExactlyOnce) {
 
   uint64_t datagrams = 0;
   {
-    dtl::ipfix::IpfixReceiver receiver(config);
+    dtl::ipfix::IpfixReceiver receiver(config, std::make_unique<IpfixDiskWriter>(disk));
     receiver.Start();
     ASSERT_TRUE(receiver.running());
     std::vector<dtl::hftsim::SimRunResult> results(sims.size());
@@ -622,7 +619,7 @@ TEST_F(DiskWriterTest, IdleSessionsPagesReachTheDiskAndLaterSamplesFollow) {
   config_.flush_idle_ms = 20;
   auto w = StartWriter();
   const std::string key = Key("192.0.2.1", 4739, 7);
-  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  w->ProcessSchemaUpdate(0, key, Snapshot("leaf1", 30));
   uint64_t sent = 0;
   for (const uint64_t burst : {5u, 20u, 4096u + 7u, 1u}) {
     WriteSamples(*w, key, 30, sent, burst);
@@ -657,7 +654,7 @@ TEST_F(DiskWriterTest, SamplesWithoutADataFileAreLostOnceSaidAndStorageResumes) 
   auto w = StartWriter();
   std::ofstream(root_ / "blocked") << "a file where a directory should be";
   const std::string key = Key("192.0.2.1", 4739, 7);
-  w->ProcessSchemaUpdate(0, key, "s", 7, Snapshot("leaf1", 30));
+  w->ProcessSchemaUpdate(0, key, Snapshot("leaf1", 30));
   const uint32_t capacity = w->FindSession(0, key)->batch_capacity;
   WriteSamples(*w, key, 30, 0, 3 * capacity + 5);
   EXPECT_LE(w->FindSession(0, key)->count, capacity);

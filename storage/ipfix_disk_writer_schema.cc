@@ -23,7 +23,7 @@
 #include "dtl_logger.h"
 #include "dtl_schema_file.h"
 #include "dtl_source.h"
-#include "ipfix/ipfix_disk_writer.h"
+#include "storage/ipfix_disk_writer.h"
 
 namespace dtl::ipfix {
 
@@ -72,25 +72,14 @@ std::string ValidUtf8(const std::string& text) {
   return out;
 }
 
-bool SameTemplates(const std::map<uint16_t, ParsedTemplate>& a, const std::map<uint16_t, ParsedTemplate>& b) {
-  if (a.size() != b.size()) return false;
-  for (auto ia = a.begin(), ib = b.begin(); ia != a.end(); ++ia, ++ib) {
-    if (ia->first != ib->first || ia->second.template_id != ib->second.template_id ||
-        ia->second.fields != ib->second.fields)
-      return false;
-  }
-  return true;
-}
-
-// The counter templates and flat fields are compared too: an exporter that
+// The flat fields are compared with their lengths: an exporter that
 // redefines a counter template under the same names and metadata changes the
 // block layout, which must not be written under the old block size.
 bool SameSchema(const SchemaSnapshot& a, const SchemaSnapshot& b) {
   return a.reserved == b.reserved && a.switch_name == b.switch_name &&
          a.exporter_port == b.exporter_port && a.counter_names == b.counter_names &&
          a.metadata_definitions == b.metadata_definitions &&
-         a.metadata_mappings == b.metadata_mappings && SameTemplates(a.counter_templates, b.counter_templates) &&
-         a.flat_fields == b.flat_fields;
+         a.metadata_mappings == b.metadata_mappings && a.flat_fields == b.flat_fields;
 }
 
 std::string MetadataFilePath(const std::string& dir, const unsigned char* schema_id) {
@@ -213,19 +202,17 @@ std::vector<IpfixDiskWriter::CounterEntry> IpfixDiskWriter::BuildCounterEntries(
 }
 
 void IpfixDiskWriter::ProcessSchemaUpdate(size_t worker_id, const std::string& key,
-                                          const std::string& display_name, uint32_t domain_id,
                                           const SchemaSnapshot& snapshot) {
   // Called on a receive thread: a failure ends this update, never the thread.
   try {
-    ApplySchemaUpdate(worker_id, key, display_name, domain_id, snapshot);
+    ApplySchemaUpdate(worker_id, key, snapshot);
   } catch (const std::exception& e) {
-    DTL_LOG_ERROR("[IPFIX disk writer] ProcessSchemaUpdate: session=%s failed: %s", display_name.c_str(),
-                  e.what());
+    DTL_LOG_ERROR("[IPFIX disk writer] ProcessSchemaUpdate: session=%s failed: %s",
+                  snapshot.display_name.c_str(), e.what());
   }
 }
 
 void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key,
-                                        const std::string& display_name, uint32_t domain_id,
                                         const SchemaSnapshot& snapshot) {
   if (worker_id >= shards_.size()) {
     DTL_LOG_ERROR("[IPFIX disk writer] ProcessSchemaUpdate: invalid worker_id=%zu (shards=%zu)", worker_id,
@@ -235,7 +222,8 @@ void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key
   Shard& shard = shards_[worker_id];
   DTL_LOG_INFO(
       "[IPFIX disk writer] ProcessSchemaUpdate: worker=%zu session=%s domain=%u fields=%zu shard_sessions=%zu",
-      worker_id, display_name.c_str(), domain_id, snapshot.flat_fields.size(), shard.size() + 1);
+      worker_id, snapshot.display_name.c_str(), snapshot.observation_domain_id, snapshot.flat_fields.size(),
+      shard.size() + 1);
 
   auto [it, created] = shard.try_emplace(key);
   if (created) it->second = std::make_unique<DomainState>();

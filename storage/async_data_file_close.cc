@@ -12,8 +12,8 @@
 #include "dtl_counters.h"
 #include "dtl_data_file_header.h"
 #include "dtl_logger.h"
-#include "ipfix/async_data_file.h"
-#include "ipfix/data_file_paths.h"
+#include "storage/async_data_file.h"
+#include "storage/data_file_paths.h"
 
 namespace dtl::ipfix {
 

@@ -1,4 +1,4 @@
-#include "ipfix/io_uring_writer.h"
+#include "storage/io_uring_writer.h"
 
 #include <sched.h>
 

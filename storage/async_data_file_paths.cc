@@ -1,6 +1,6 @@
 // Path building of the data files and the registries behind it; the
 // AsyncDataFile members that turn a template into a path live here too.
-#include "ipfix/data_file_paths.h"
+#include "storage/data_file_paths.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@
 
 #include "dtl_logger.h"
 #include "dtl_string_template.h"
-#include "ipfix/async_data_file.h"
+#include "storage/async_data_file.h"
 
 namespace dtl::ipfix {
 

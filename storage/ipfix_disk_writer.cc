@@ -1,4 +1,4 @@
-#include "ipfix/ipfix_disk_writer.h"
+#include "storage/ipfix_disk_writer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -14,7 +14,6 @@
 
 #include "dtl_counters.h"
 #include "dtl_logger.h"
-#include "ipfix/ipfix_session.h"
 
 namespace dtl::ipfix {
 
@@ -233,13 +232,13 @@ const IpfixDiskWriter::DomainState* IpfixDiskWriter::FindSession(size_t worker_i
 
 
 void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
-  DTL_LOG_INFO("[IPFIX disk writer] RemoveSession: worker=%zu session=%s", worker_id,
-               SessionDisplayName(key).c_str());
   if (worker_id >= shards_.size()) return;
   Shard& shard = shards_[worker_id];
   auto it = shard.find(key);
   if (it == shard.end()) return;
   DomainState& s = *it->second;
+  DTL_LOG_INFO("[IPFIX disk writer] RemoveSession: worker=%zu session=%s", worker_id,
+               s.schema.display_name.c_str());
   FlushAll(s);
   WaitForInFlight(s);
   ReleaseSessionSlots(s);

@@ -1,4 +1,4 @@
-#include "ipfix/async_data_file.h"
+#include "storage/async_data_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -24,8 +24,8 @@
 #include "dtl_counters.h"
 #include "dtl_logger.h"
 #include "dtl_string_template.h"
-#include "ipfix/data_file_paths.h"
-#include "ipfix/io_uring_writer.h"
+#include "storage/data_file_paths.h"
+#include "storage/io_uring_writer.h"
 
 namespace dtl::ipfix {
 

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "dtl_counters.h"
-#include "ipfix/ipfix_disk_writer.h"
+#include "storage/ipfix_disk_writer.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -40,20 +40,17 @@ SchemaSnapshot Snapshot(const std::string& switch_name) {
   SchemaSnapshot s;
   s.switch_name = switch_name;
   s.exporter_port = 4739;
-  dtl::ipfix::ParsedTemplate t;
-  t.template_id = 300;
   for (uint16_t i = 0; i < 2; ++i) {
     const auto element = static_cast<uint16_t>(1000 + i);
-    t.fields.push_back({element, 8, false});
     s.counter_names[element] = "c" + std::to_string(i);
     FlatFieldInfo f;
     f.template_id = 300;
     f.element_id = element;
+    f.length = 8;
     f.name = s.counter_names[element];
     if (i == 0) f.metadata = {{"interface", "eth1"}};
     s.flat_fields.push_back(f);
   }
-  s.counter_templates[300] = t;
   return s;
 }
 
@@ -104,7 +101,7 @@ class DiskPublicationTest : public ::testing::Test {
     writer_ = std::make_unique<IpfixDiskWriter>(config);
     ASSERT_TRUE(writer_->Start());
 
-    writer_->ProcessSchemaUpdate(0, Key(1), "a", 1, Snapshot("leaf1"));
+    writer_->ProcessSchemaUpdate(0, Key(1), Snapshot("leaf1"));
     const auto* state = writer_->FindSession(0, Key(1));
     ASSERT_NE(state, nullptr);
     char id[DTL_SCHEMA_ID_STRING_SIZE];
@@ -161,7 +158,7 @@ TEST_F(DiskPublicationTest, DamagedOrMissingFilesComeBackAtTheNextPublication) {
     c.damage();
     LogCapture log;
     const uint32_t session = c.other_session ? domain++ : 1;
-    writer_->ProcessSchemaUpdate(session == 1 ? 0 : 1, Key(session), "s", session, Snapshot("leaf1"));
+    writer_->ProcessSchemaUpdate(session == 1 ? 0 : 1, Key(session), Snapshot("leaf1"));
     EXPECT_EQ(ReadFile(schema_file_), schema_text_);
     EXPECT_EQ(ReadFile(metadata_file_), metadata_text_);
     EXPECT_EQ(Names(schema_file_.parent_path()).size(), 1u);
@@ -172,7 +169,7 @@ TEST_F(DiskPublicationTest, DamagedOrMissingFilesComeBackAtTheNextPublication) {
 
   // All well: checked without a word.
   LogCapture log;
-  writer_->ProcessSchemaUpdate(0, Key(1), "a", 1, Snapshot("leaf1"));
+  writer_->ProcessSchemaUpdate(0, Key(1), Snapshot("leaf1"));
   EXPECT_EQ(log.Count("writing it again"), 0u);
 }
 
@@ -181,7 +178,7 @@ TEST_F(DiskPublicationTest, FailedMetadataWriteLeavesThePreviousFileWhole) {
   {
     // Another switch with the same counters writes the same metadata file.
     FileSizeLimit full(16);
-    writer_->ProcessSchemaUpdate(1, Key(2), "b", 2, Snapshot("leaf2"));
+    writer_->ProcessSchemaUpdate(1, Key(2), Snapshot("leaf2"));
   }
   const std::string failure = "could not write metadata file " + metadata_file_.string() + ": File too large";
   EXPECT_EQ(log.LevelOf(failure), 3) << failure;
@@ -190,10 +187,10 @@ TEST_F(DiskPublicationTest, FailedMetadataWriteLeavesThePreviousFileWhole) {
 
   // Once writes succeed again the next publication lands; the first
   // switch's check then finds a file of the same counters, not damage.
-  writer_->ProcessSchemaUpdate(1, Key(3), "c", 3, Snapshot("leaf2"));
+  writer_->ProcessSchemaUpdate(1, Key(3), Snapshot("leaf2"));
   const std::string leaf2 = ReadFile(metadata_file_);
   EXPECT_NE(leaf2.find("\"source\":\"leaf2\""), std::string::npos);
-  writer_->ProcessSchemaUpdate(0, Key(1), "a", 1, Snapshot("leaf1"));
+  writer_->ProcessSchemaUpdate(0, Key(1), Snapshot("leaf1"));
   EXPECT_EQ(ReadFile(metadata_file_), leaf2);
   EXPECT_EQ(log.Count("writing it again"), 0u);
 }

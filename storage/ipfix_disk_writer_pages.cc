@@ -19,8 +19,7 @@
 
 #include "dtl_counters.h"
 #include "dtl_logger.h"
-#include "ipfix/ipfix_disk_writer.h"
-#include "ipfix/ipfix_session.h"
+#include "storage/ipfix_disk_writer.h"
 
 namespace dtl::ipfix {
 
@@ -156,8 +155,8 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
     auto [n, log] = g_acquire_no_state.Next();
     if (log)
       DTL_LOG_WARNING(
-          "[IPFIX disk writer] AcquireRecordValueSlot: no state for session=%s worker=%zu (drop #%llu)",
-          SessionDisplayName(key).c_str(), worker_id, n);
+          "[IPFIX disk writer] AcquireRecordValueSlot: a session without schema on worker=%zu (drop #%llu)",
+          worker_id, n);
     return nullptr;
   }
   DomainState& s = *state;
@@ -168,7 +167,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
       DTL_LOG_WARNING(
           "[IPFIX disk writer] AcquireRecordValueSlot: session=%s not ready (data_file=%d "
           "block_size=%u buf=%d) (drop #%llu)",
-          SessionDisplayName(key).c_str(), s.data_file ? 1 : 0, s.block_size,
+          s.schema.display_name.c_str(), s.data_file ? 1 : 0, s.block_size,
           (s.buf[0] != nullptr && s.header_page != nullptr) ? 1 : 0, n);
     return nullptr;
   }
@@ -177,7 +176,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
     if (log)
       DTL_LOG_WARNING(
           "[IPFIX disk writer] AcquireRecordValueSlot: active buffer in flight session=%s (drop #%llu)",
-          SessionDisplayName(key).c_str(), n);
+          s.schema.display_name.c_str(), n);
     return nullptr;
   }
   const uint64_t capacity = s.block_size - kBlockHeaderSize;
@@ -188,7 +187,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
           "[IPFIX disk writer] AcquireRecordValueSlot: values_size=%zu exceeds values_capacity=%zu "
           "(block_size=%u) session=%s (drop #%llu)",
           static_cast<size_t>(values_size), static_cast<size_t>(capacity), s.block_size,
-          SessionDisplayName(key).c_str(), n);
+          s.schema.display_name.c_str(), n);
     return nullptr;
   }
   const uint64_t ts = static_cast<uint64_t>(time_sec) * 1000000u + time_nsec / 1000u;
@@ -198,7 +197,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
     if (log)
       DTL_LOG_WARNING(
           "[IPFIX disk writer] AcquireRecordValueSlot: page full and not writable session=%s (drop #%llu)",
-          SessionDisplayName(key).c_str(), n);
+          s.schema.display_name.c_str(), n);
     return nullptr;
   }
   std::memset(block + kBlockHeaderSize + values_size, 0, capacity - values_size);
@@ -239,8 +238,8 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
   if (state == nullptr) {
     auto [n, log] = g_record_no_state.Next();
     if (log)
-      DTL_LOG_WARNING("[IPFIX disk writer] ProcessRecord: no state for session=%s worker=%zu (drop #%llu)",
-                      SessionDisplayName(key).c_str(), worker_id, n);
+      DTL_LOG_WARNING("[IPFIX disk writer] ProcessRecord: a session without schema on worker=%zu (drop #%llu)",
+                      worker_id, n);
     return;
   }
   DomainState& s = *state;
@@ -250,7 +249,7 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
       DTL_LOG_WARNING(
           "[IPFIX disk writer] ProcessRecord: session=%s not ready (data_file=%d block_size=%u "
           "buf=%d) (drop #%llu)",
-          SessionDisplayName(key).c_str(), s.data_file ? 1 : 0, s.block_size,
+          s.schema.display_name.c_str(), s.data_file ? 1 : 0, s.block_size,
           (s.buf[0] != nullptr && s.header_page != nullptr) ? 1 : 0, n);
     return;
   }
