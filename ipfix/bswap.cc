@@ -1,3 +1,5 @@
+// The byte-swap implementations (scalar, SSSE3, NEON) and the choice
+// among them at start-up.
 #include "ipfix/bswap.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Starting and stopping the workers as one (all or none), the port probe,
+// the summed statistics and the session key helpers.
 #include "ipfix/ipfix_receiver.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// One receive worker: its socket on the shared port, the recvmmsg loop with
+// busy polling and back-off, and the dispatch of each message to its session.
 #include "ipfix/ipfix_recv_worker.h"
 
 #include <errno.h>

@@ -1,3 +1,5 @@
+// A session's templates and the walk over a message's sets and records;
+// metadata records are in _metadata.cc, counter samples in _samples.cc.
 #include "ipfix/ipfix_session.h"
 
 #include <arpa/inet.h>

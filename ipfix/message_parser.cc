@@ -1,3 +1,4 @@
+// Bounds-checked reading of the message header and of template sets.
 #include "ipfix/message_parser.h"
 
 #include "dtl_logger.h"

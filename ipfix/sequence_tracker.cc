@@ -1,3 +1,5 @@
+// Learning how an exporter numbers its messages (per record, per message or
+// constant) from the steps between consecutive sequence numbers.
 #include "ipfix/sequence_tracker.h"
 
 namespace dtl::ipfix {

@@ -7,13 +7,18 @@
 # what the aarch64 cross build and its emulated tests need: the cross
 # compiler, qemu user-mode emulation and the arm64 multiarch -dev packages.
 #
+# With --demo it leaves out what only the fuzzing and the benchmarks need
+# (clang, Google Benchmark), so that the demo is quick to set up.
+#
 # With --bench it also installs what only the end-to-end benchmark needs:
 # nfdump, whose nfcapd is the reference collector it is compared with.
 set -euo pipefail
 
 arm64=${ARM64:-0}
 bench=0
+demo=0
 for arg in "$@"; do
+  [[ "$arg" == "--demo" ]] && demo=1
   [[ "$arg" == "--arm64" ]] && arm64=1
   [[ "$arg" == "--bench" ]] && bench=1
 done
@@ -22,10 +27,12 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config
   libboost-dev libboost-filesystem-dev libboost-system-dev libboost-date-time-dev
   nlohmann-json3-dev liburing-dev libcurl4-openssl-dev libssl-dev openssl
-  googletest libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  googletest libgtest-dev libgmock-dev
   python3 curl ca-certificates
 )
+if [[ "$demo" == 0 ]]; then
+  packages+=(libbenchmark-dev clang libclang-rt-14-dev)
+fi
 if [[ "$arm64" == 1 ]]; then
   # nlohmann-json3-dev is architecture independent: the host's copy serves.
   packages+=(

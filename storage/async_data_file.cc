@@ -1,3 +1,6 @@
+// A data file's life while it is written: settings that force a new file,
+// rotation by size and time, creation with its 256-byte header, and writes
+// through the io_uring writer at tracked offsets (ends in _close.cc).
 #include "storage/async_data_file.h"
 
 #include <errno.h>

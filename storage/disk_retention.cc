@@ -1,3 +1,6 @@
+// Retention's thread: a start-up scan of the files already on disk, then
+// closed files queued oldest first and deleted through io_uring until the
+// data is below the low watermark.
 #include "storage/disk_retention.h"
 
 #include <fcntl.h>

@@ -1,3 +1,6 @@
+// The writer thread and its ring: queued writes submitted in batches,
+// completions reaped and reported, buffer registration run on the thread
+// that owns the ring.
 #include "storage/io_uring_writer.h"
 
 #include <sched.h>

@@ -1,3 +1,5 @@
+// The disk writer's life and memory: start (data root checks), stop, page
+// sizing, and the pool of registered page buffers the sessions take from.
 #include "storage/ipfix_disk_writer.h"
 
 #include <arpa/inet.h>
