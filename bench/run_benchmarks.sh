@@ -2,7 +2,7 @@
 # Runs the storage benchmarks from an optimised build and prints the machine,
 # how busy it was before each measurement, and every figure.
 #
-#   bench/run_benchmarks.sh [inprocess|e2e|all]     (default: all)
+#   bench/run_benchmarks.sh [inprocess|e2e|idle|all]     (default: all)
 #
 # inprocess: ipfix-decode-store-bench (decode + store in one thread, beside
 #            memcpy), REPEAT repetitions with mean, median, min and max.
@@ -11,6 +11,9 @@
 #            receiver decoding only, the receiver storing with the disk writer
 #            and nfcapd; then, STEP_REPEAT times, each of floor, store and
 #            nfcapd stepped through RATES until it loses datagrams or samples.
+# idle:      bench/idle_memory_bench.py: dtl-host's CPU over 10 s without
+#            traffic, its resident memory idle and with 1, 16 and 64 sessions
+#            of hft-sim, beside the receive benchmark's store/floor ratio.
 #
 # Environment: BUILD_DIR (build-bench), REPEAT (3), STEP_REPEAT (2),
 # RUN_SECONDS (5), RATES (100000,200000,...,1000000), DATA_DIR (/tmp: where
@@ -84,5 +87,9 @@ if [[ "$what" == e2e || "$what" == all ]]; then
         --data-dir "$data_dir"
     done
   done
+fi
+if [[ "$what" == idle || "$what" == all ]]; then
+  wait_quiet
+  python3 bench/idle_memory_bench.py "$build_dir" --recv-bench --data-dir "$data_dir"
 fi
 echo "== done; $(uptime | sed 's/.*load/load/')"

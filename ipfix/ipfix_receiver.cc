@@ -28,6 +28,7 @@ IpfixRecvWorker::Stats SumStats(const std::vector<std::unique_ptr<IpfixRecvWorke
     total.bytes += stats.bytes;
     total.batches += stats.batches;
     total.sessions += stats.sessions;
+    total.kernel_waits += stats.kernel_waits;
   }
   return total;
 }

@@ -4,7 +4,9 @@
 
 #include <errno.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <system_error>
 #include <vector>
 
 #include "dtl_logger.h"
@@ -51,9 +54,13 @@ IpfixRecvWorker::IpfixRecvWorker(size_t index, const Config& config, IpfixSessio
     : index_(index), config_(config), sink_(sink) {
   constexpr size_t kBytes = kBatchSize * kSlotSize;
   static_assert(kBytes % 64 == 0);
+  // 16 MiB per worker, left untouched: an allocation this large is fresh
+  // anonymous memory, and only the pages datagrams are written to become
+  // resident (a few per slot at most, none while idle).
   slots_.reset(static_cast<uint8_t*>(std::aligned_alloc(64, kBytes)));
   if (!slots_) throw std::bad_alloc();
-  std::memset(slots_.get(), 0, kBytes);
+  stop_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (stop_fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
 IpfixRecvWorker::~IpfixRecvWorker() {
@@ -62,6 +69,7 @@ IpfixRecvWorker::~IpfixRecvWorker() {
   // The sink is not told here: a receiver that stops cleanly drains first.
   last_session_ = nullptr;
   sessions_.clear();
+  close(stop_fd_);
 }
 
 int IpfixRecvWorker::ProbePortBind(const Config& config) {
@@ -195,7 +203,13 @@ void IpfixRecvWorker::ShutdownSocket() {
 }
 
 void IpfixRecvWorker::Stop() {
-  if (running_.exchange(false) && thread_.joinable()) thread_.join();
+  if (!running_.exchange(false)) return;
+  const uint64_t one = 1;
+  // Cannot fail short of a full counter, which one write per stop never reaches.
+  (void)!write(stop_fd_, &one, sizeof(one));
+  if (thread_.joinable()) thread_.join();
+  uint64_t drained = 0;
+  (void)!read(stop_fd_, &drained, sizeof(drained));
 }
 
 void IpfixRecvWorker::Drain() {
@@ -226,6 +240,7 @@ IpfixRecvWorker::Stats IpfixRecvWorker::GetStats() const {
   stats.bytes = bytes_.load(std::memory_order_relaxed);
   stats.batches = batches_.load(std::memory_order_relaxed);
   stats.sessions = sessions_count_.load();
+  stats.kernel_waits = kernel_waits_.load(std::memory_order_relaxed);
   return stats;
 }
 
@@ -235,9 +250,19 @@ void IpfixRecvWorker::SleepMicros(uint32_t micros) const {
   while (nanosleep(&request, &remaining) != 0 && errno == EINTR) request = remaining;
 }
 
+void IpfixRecvWorker::WaitInKernel(uint32_t timeout_ms) {
+  pollfd fds[2] = {{fd_, POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+  kernel_waits_.store(kernel_waits_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  // EINTR or an error: the loop looks again and comes back here if still quiet.
+  (void)poll(fds, 2, timeout_ms == 0 ? -1 : static_cast<int>(timeout_ms));
+}
+
 void IpfixRecvWorker::ReceiveLoop() {
   dtl_set_thread_name("ipfix_recv_%zu", index_);
   uint32_t backoff = config_.backoff_min_us;
+  // Bursty traffic keeps the short back-off; a spell this long without any
+  // datagram sends the thread to sleep in the kernel instead.
+  uint64_t last_traffic_ns = MonotonicNowNs();
   // Receive errors of this thread; only every 256th is logged.
   unsigned long long error_count = 0;
 
@@ -251,6 +276,7 @@ void IpfixRecvWorker::ReceiveLoop() {
       last_filled_ = n;
       // One clock read serves the whole batch: its datagrams arrived together.
       const uint64_t now_ns = MonotonicNowNs();
+      last_traffic_ns = now_ns;
       for (int i = 0; i < n; ++i) {
         const size_t length = headers_[i].msg_len;
         Bump(packets_received_, 1);
@@ -274,7 +300,12 @@ void IpfixRecvWorker::ReceiveLoop() {
       }
     }
     // Quiet sessions still get their pending samples written.
-    if (sink_ != nullptr) sink_->Tick(index_);
+    const uint32_t next_tick_ms = sink_ != nullptr ? sink_->Tick(index_) : 0;
+    if (MonotonicNowNs() - last_traffic_ns >= kQuietBeforeWaitNs) {
+      WaitInKernel(next_tick_ms);
+      backoff = config_.backoff_min_us;
+      continue;
+    }
     if (backoff == 0) continue;
     SleepMicros(backoff);
     backoff = std::min(2 * backoff, config_.backoff_max_us);

@@ -1,6 +1,8 @@
 // One receive worker: a non-blocking dual-stack UDP socket that shares the
 // receiver's port through SO_REUSEPORT, a thread that pulls datagrams in
 // batches with recvmmsg, and the table of exporter sessions seen by it.
+// While traffic flows the thread polls with a short back-off; after a quiet
+// spell it waits in the kernel (poll on the socket and a stop eventfd).
 #pragma once
 
 #include <netinet/in.h>
@@ -46,6 +48,7 @@ class IpfixRecvWorker {
     uint64_t bytes = 0;
     uint64_t batches = 0;
     uint64_t sessions = 0;
+    uint64_t kernel_waits = 0;  // times the thread went to wait in the kernel
   };
 
   static constexpr size_t kBatchSize = 256;
@@ -53,6 +56,9 @@ class IpfixRecvWorker {
   static constexpr size_t kSlotDataSize = 65536;
   static constexpr size_t kSlotSize = 65600;
   static constexpr size_t kMaxDatagram = 65535;
+  // Without a datagram for this long, the thread stops polling and waits in
+  // the kernel until one arrives, stop is asked or the sink wants a tick.
+  static constexpr uint64_t kQuietBeforeWaitNs = 100'000'000;
 
   // sink may be null: sessions then decode without storing anything.
   IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink);
@@ -78,7 +84,7 @@ class IpfixRecvWorker {
   void Start();
   // Stops further reads on the socket before the thread is joined.
   void ShutdownSocket();
-  // Clears the running flag and joins the receive thread.
+  // Clears the running flag, wakes the thread from a kernel wait and joins it.
   void Stop();
   // After Stop: tells the sink that every session goes away, then drops them.
   void Drain();
@@ -127,11 +133,15 @@ class IpfixRecvWorker {
     return reinterpret_cast<sockaddr_in6*>(SlotData(i) + kSlotDataSize);
   }
   void SleepMicros(uint32_t micros) const;
+  // Waits until the socket is readable, stop is asked or timeout_ms have
+  // passed (0: no limit).
+  void WaitInKernel(uint32_t timeout_ms);
 
   size_t index_;
   Config config_;
   IpfixSessionSink* sink_;
   int fd_ = -1;
+  int stop_fd_ = -1;  // eventfd written by Stop
   std::string socket_error_;
   std::thread thread_;
   std::atomic<bool> running_{false};
@@ -156,6 +166,7 @@ class IpfixRecvWorker {
   std::atomic<uint64_t> errors_{0};
   std::atomic<uint64_t> bytes_{0};
   std::atomic<uint64_t> batches_{0};
+  std::atomic<uint64_t> kernel_waits_{0};
 };
 
 }  // namespace dtl::ipfix

@@ -173,8 +173,9 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   void CommitRecord(size_t worker_id, const std::string& key, uint64_t values_size) override;
   void RemoveSession(size_t worker_id, const std::string& key) override;
   // Flushes the partial page of every session of the worker that has had no
-  // new sample for flush_idle_ms.
-  void Tick(size_t worker_id) override;
+  // new sample for flush_idle_ms; asks for the next call while any of them
+  // still holds samples not yet written.
+  uint32_t Tick(size_t worker_id) override;
 
   // Copying variant of AcquireRecordValueSlot + CommitRecord.
   void ProcessRecord(const CounterWriteRecord& record);

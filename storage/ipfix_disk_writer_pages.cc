@@ -275,19 +275,23 @@ void IpfixDiskWriter::FlushPage(size_t worker_id, const std::string& key) {
   if (state != nullptr) FlushState(*state);
 }
 
-void IpfixDiskWriter::Tick(size_t worker_id) {
-  if (config_.flush_idle_ms == 0 || worker_id >= shards_.size()) return;
+uint32_t IpfixDiskWriter::Tick(size_t worker_id) {
+  if (config_.flush_idle_ms == 0 || worker_id >= shards_.size()) return 0;
   const uint64_t now = NowMs();
   // A quarter of the idle time between looks: a quiet session's last
   // samples reach the disk within about 1.25 times flush_idle_ms.
   const uint64_t interval = std::max<uint64_t>(config_.flush_idle_ms / 4, 1);
-  if (now - last_tick_ms_[worker_id] < interval) return;
+  const uint64_t since = now - last_tick_ms_[worker_id];
+  // Not looked at yet: samples may have come since the last look.
+  if (since < interval) return static_cast<uint32_t>(interval - since);
   last_tick_ms_[worker_id] = now;
+  bool waiting = false;
   for (auto& entry : shards_[worker_id]) {
     DomainState& s = *entry.second;
     if (s.committed != s.committed_at_tick) {
       s.committed_at_tick = s.committed;
       s.idle_since_ms = now;
+      waiting = waiting || s.count > s.flushed;
       continue;
     }
     if (s.count > s.flushed && now - s.idle_since_ms >= config_.flush_idle_ms) {
@@ -298,7 +302,9 @@ void IpfixDiskWriter::Tick(size_t worker_id) {
       s.writes_since_check = kCheckInterval;
       FlushState(s);
     }
+    waiting = waiting || s.count > s.flushed;
   }
+  return waiting ? static_cast<uint32_t>(interval) : 0;
 }
 
 void IpfixDiskWriter::FlushAll(DomainState& state) {

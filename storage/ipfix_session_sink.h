@@ -40,10 +40,12 @@ class IpfixSessionSink {
   // The session is going away: flush and forget it.
   virtual void RemoveSession(size_t worker_id, const std::string& key) = 0;
 
-  // Called by worker worker_id on its own thread a few times a second, with
-  // or without traffic, so that time-driven work (flushing the pages of
-  // sessions that went quiet) needs no thread of its own.
-  virtual void Tick(size_t /*worker_id*/) {}
+  // Called by worker worker_id on its own thread after every batch and while
+  // it waits for traffic, so that time-driven work (flushing the pages of
+  // sessions that went quiet) needs no thread of its own. Returns within how
+  // many ms it wants the next call at the latest; 0 when nothing waits, and
+  // an idle worker may then sleep until the next datagram.
+  virtual uint32_t Tick(size_t /*worker_id*/) { return 0; }
 };
 
 }  // namespace dtl::ipfix
