@@ -1,427 +1,423 @@
+// Exporter sessions: their keys, and one session fed set by set with
+// templates, descriptive records over repeated, changed and partly lost
+// announcements, and counter records assembled into samples under every way
+// of numbering messages.
 #include "ipfix/ipfix_session.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <cstdarg>
-#include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
-#include "dtl_logger.h"
+#include "ipfix/ipfix_receiver.h"
 #include "ipfix/message_parser.h"
-#include "ipfix/recording_sink.h"
+#include "recording_sink.h"
+#include "recv_test_support.h"
 #include "tools/hft_sim/ipfix_message_builder.h"
 
 namespace {
 
 using dtl::hftsim::FieldSpec;
 using dtl::hftsim::IpfixMessageBuilder;
-using dtl::ipfix::FlatFieldInfo;
+using dtl::ipfix::IpfixReceiver;
 using dtl::ipfix::IpfixSession;
-using dtl::ipfix::MessageParser;
-using dtl::ipfix::ParsedTemplate;
-using dtl::ipfix::SchemaSnapshot;
+using dtl::ipfix::MetadataPairs;
+using dtl::ipfix::SessionKey;
+using recv_test::LogCapture;
 
 constexpr uint16_t kVar = 65535;
-std::vector<std::pair<int, std::string>> g_lines;
+using Templates = std::vector<std::pair<uint16_t, std::vector<FieldSpec>>>;
+using Counters = std::vector<std::pair<uint64_t, size_t>>;  // (value, width); width kVar: "label"
+using Definition = std::tuple<uint64_t, std::string, std::string>;
+using Mapping = std::pair<uint16_t, uint64_t>;
+using Values = std::vector<uint64_t>;
 
-void CaptureLog(int level, const char* fmt, ...) {
-  char buf[2048];
-  va_list args;
-  va_start(args, fmt);
-  vsnprintf(buf, sizeof(buf), fmt, args);
-  va_end(args);
-  g_lines.emplace_back(level, buf);
-}
+// One data set of a message: its set ID and body.
+struct Set { uint16_t id; std::vector<uint8_t> body; };
+using Message = std::vector<Set>;
 
-size_t CountLines(const std::string& text, int level = -1) {
-  size_t n = 0;
-  for (const auto& [l, line] : g_lines)
-    if (line.find(text) != std::string::npos && (level == -1 || l == level)) ++n;
-  return n;
-}
-
-std::string Ipv4Key(const char* address, uint16_t port, uint32_t domain) {
-  uint8_t bytes[10];
-  const uint16_t port_be = htons(port);
-  std::memcpy(bytes, &port_be, 2);
-  std::memcpy(bytes + 2, &domain, 4);
-  inet_pton(AF_INET, address, bytes + 6);
-  return std::string(reinterpret_cast<char*>(bytes), sizeof(bytes));
-}
-
-// Builds one set and hands out its body (the bytes after the set header).
-struct SetBody {
-  explicit SetBody(uint16_t set_id) {
-    b.Begin(0, 0, 1);
-    b.BeginSet(set_id);
-  }
-  std::vector<uint8_t> Body() {
-    const auto& m = b.Finish();
-    return {m.begin() + 20, m.end()};
-  }
+Set Record(uint16_t id, const Counters& fields) {
   IpfixMessageBuilder b;
-};
-
-using Counters = std::vector<std::pair<uint64_t, size_t>>;  // (value, width)
-
-std::vector<uint8_t> Record(uint16_t id, const Counters& fields) {
-  SetBody s(id);
-  for (const auto& [v, w] : fields) s.b.PutUint(v, w);
-  return s.Body();
+  for (const auto& [value, width] : fields) width == kVar ? b.PutVarLength("label") : b.PutUint(value, width);
+  return {id, b.bytes()};
+}
+Set SwitchNameSet(const std::string& name) {
+  IpfixMessageBuilder b;
+  b.PutVarLength(name);
+  return {256, b.bytes()};
+}
+Set CounterNameSet(const std::vector<std::pair<uint16_t, std::string>>& names) {
+  IpfixMessageBuilder b;
+  for (const auto& [element, name] : names) b.PutU16(element), b.PutVarLength(name), b.PutU32(1);
+  return {257, b.bytes()};
+}
+Set DefinitionSet(const std::vector<Definition>& definitions) {
+  IpfixMessageBuilder b;
+  for (const auto& [id, k, v] : definitions) b.PutU64(id), b.PutVarLength(k), b.PutVarLength(v), b.PutU32(1);
+  return {258, b.bytes()};
+}
+Set MappingSet(const std::vector<Mapping>& mappings) {
+  IpfixMessageBuilder b;
+  for (const auto& [template_id, id] : mappings) b.PutU16(template_id), b.PutU64(id), b.PutU32(1);
+  return {259, b.bytes()};
 }
 
-std::vector<FieldSpec> EightByteCounters(uint16_t first, size_t n, bool with_time) {
-  std::vector<FieldSpec> f;
-  if (with_time) f = {{1, 4}, {2, 4}};
-  for (size_t i = 0; i < n; ++i) f.push_back({static_cast<uint16_t>(first + i), 8});
-  return f;
+std::vector<FieldSpec> CounterFields(uint16_t first, size_t n, bool with_time) {
+  std::vector<FieldSpec> fields;
+  if (with_time) fields = {{1, 4}, {2, 4}};
+  for (size_t i = 0; i < n; ++i) fields.push_back({static_cast<uint16_t>(first + i), 8});
+  return fields;
 }
+// The first record of a sample: its time, then n counters from base on.
+Counters Opening(uint32_t sec, uint32_t nsec, uint64_t base, size_t n) {
+  Counters c = {{sec, 4}, {nsec, 4}};
+  for (size_t i = 0; i < n; ++i) c.push_back({base + i, 8});
+  return c;
+}
+Values ValuesOf(const RecordingSink::Commit& commit) {
+  Values v(commit.values.size() / 8);
+  std::memcpy(v.data(), commit.values.data(), v.size() * 8);
+  return v;
+}
+std::vector<MetadataPairs> Labels(const dtl::ipfix::SchemaSnapshot& snapshot) {
+  std::vector<MetadataPairs> labels;
+  for (const auto& field : snapshot.flat_fields) labels.push_back(field.metadata);
+  return labels;
+}
+
+SessionKey Key(const char* address, uint16_t port, uint32_t domain) {
+  return IpfixReceiver::MakeSessionKey(recv_test::From(address, port), domain);
+}
+const std::string kKey = Key("::ffff:192.0.2.1", 4739, 1).ToKeyString();
 
 class SessionTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_lines.clear();
-    dtl_set_log_func(&CaptureLog, DTL_LOG_LEVEL_DEBUG);
+  SessionTest() { Fresh(); }
+
+  // A new session (and sink), for the next row of a table.
+  void Fresh() {
+    session_.reset();
+    sink_ = std::make_unique<RecordingSink>();
+    session_ = std::make_unique<IpfixSession>(kKey, 3, sink_.get());
+    LogCapture::Clear();
+  }
+  // One template set; with_descriptive adds the templates of the four
+  // descriptive records (256-259).
+  void Announce(const Templates& templates, bool with_descriptive = true) {
+    IpfixMessageBuilder b;
+    if (with_descriptive) {
+      b.AddTemplate(256, {{3, kVar}});
+      b.AddTemplate(257, {{5, 2}, {4, kVar}, {7, 4}});
+      b.AddTemplate(258, {{8, 8}, {9, kVar}, {10, kVar}, {7, 4}});
+      b.AddTemplate(259, {{6, 2}, {8, 8}, {7, 4}});
+    }
+    for (const auto& [id, fields] : templates) b.AddTemplate(id, fields);
+    session_->UpdateTemplates(dtl::ipfix::MessageParser::ParseTemplateSet(b.bytes().data(), b.size()));
+  }
+  void Deliver(const Message& message, uint32_t sequence = 1) {
+    session_->BeginMessage(sequence);
+    for (const Set& set : message) session_->ProcessDataSet(set.id, set.body.data(), set.body.size(), 0, sequence);
+  }
+  // lost: indices of the messages after the first that do not arrive.
+  void DeliverAll(const std::vector<Message>& messages, const std::vector<size_t>& lost = {}) {
+    for (size_t i = 0; i < messages.size(); ++i)
+      if (i == 0 || std::find(lost.begin(), lost.end(), i - 1) == lost.end()) Deliver(messages[i]);
+  }
+  // Announces the counter templates given and completes the schema: switch
+  // name, counter names and definition 1, to which every counter (neither
+  // a time field nor of variable length) is mapped.
+  void SetUpSchema(const Templates& templates) {
+    Announce(templates);
+    std::vector<Mapping> mappings;
+    for (const auto& [id, fields] : templates)
+      for (const FieldSpec& field : fields)
+        if (field.element_id > 2 && field.length != kVar) mappings.emplace_back(id, 1);
+    Deliver({SwitchNameSet("leaf1"), CounterNameSet({{100, "rx_bytes"}}), DefinitionSet({{1, "unit", "bytes"}}),
+             MappingSet(mappings)});
+    ASSERT_TRUE(session_->IsComplete());
   }
 
-  void Announce(const std::vector<std::pair<uint16_t, std::vector<FieldSpec>>>& templates) {
-    SetBody s(2);
-    for (const auto& [id, fields] : templates) s.b.AddTemplate(id, fields);
-    const auto body = s.Body();
-    session.UpdateTemplates(MessageParser::ParseTemplateSet(body.data(), body.size()));
-  }
-  // One message with one set.
-  void Send(uint16_t id, const std::vector<uint8_t>& body, uint32_t seq = 1) {
-    session.BeginMessage(seq);
-    session.ProcessDataSet(id, body.data(), body.size(), 0, seq);
-  }
-  void AnnounceMeta() {
-    Announce({{256, {{3, kVar}}},
-              {257, {{5, 2}, {4, kVar}, {7, 4}}},
-              {258, {{8, 8}, {9, kVar}, {10, kVar}, {7, 4}}},
-              {259, {{6, 2}, {8, 8}, {7, 4}}}});
-  }
-  void SendSwitchName(const std::string& name) {
-    SetBody s(256);
-    s.b.PutVarLength(name);
-    Send(256, s.Body());
-  }
-  void SendNames(const std::vector<std::pair<uint16_t, std::string>>& names) {
-    SetBody s(257);
-    for (const auto& [ie, name] : names) {
-      s.b.PutU16(ie);
-      s.b.PutVarLength(name);
-      s.b.PutU32(3);
-    }
-    Send(257, s.Body());
-  }
-  void SendDefinitions(const std::vector<std::tuple<uint64_t, std::string, std::string>>& defs, uint32_t seq) {
-    SetBody s(258);
-    for (const auto& [id, k, v] : defs) {
-      s.b.PutU64(id);
-      s.b.PutVarLength(k);
-      s.b.PutVarLength(v);
-      s.b.PutU32(1);
-    }
-    Send(258, s.Body(), seq);
-  }
-  void SendMappings(const std::vector<std::pair<uint16_t, uint64_t>>& maps, uint32_t seq) {
-    SetBody s(259);
-    for (const auto& [t, id] : maps) {
-      s.b.PutU16(t);
-      s.b.PutU64(id);
-      s.b.PutU32(1);
-    }
-    Send(259, s.Body(), seq);
-  }
-  // Names, definition 1 and one mapping per counter field to it.
-  void CompleteMetadata(const std::vector<uint16_t>& templates_with_counts, const std::vector<size_t>& counts) {
-    SendNames({{100, "rx_bytes"}});
-    SendDefinitions({{1, "unit", "bytes"}}, 1);
-    std::vector<std::pair<uint16_t, uint64_t>> maps;
-    for (size_t t = 0; t < templates_with_counts.size(); ++t)
-      for (size_t i = 0; i < counts[t]; ++i) maps.emplace_back(templates_with_counts[t], 1);
-    SendMappings(maps, 1);
-  }
-  // Complete schema with templates 300 (time + 10 counters) and 301 (6).
-  void SetUpTwoFragments() {
-    AnnounceMeta();
-    Announce({{300, EightByteCounters(100, 10, true)}, {301, EightByteCounters(200, 6, false)}});
-    SendSwitchName("leaf1");
-    CompleteMetadata({300, 301}, {10, 6});
-    ASSERT_TRUE(session.IsComplete());
-  }
-  std::vector<uint64_t> Values(const RecordingSink::Commit& c) {
-    std::vector<uint64_t> v(c.values.size() / 8);
-    std::memcpy(v.data(), c.values.data(), v.size() * 8);
-    return v;
-  }
-  Counters Opening(uint32_t sec, uint32_t nsec, uint64_t base, size_t n) {
-    Counters c = {{sec, 4}, {nsec, 4}};
-    for (size_t i = 0; i < n; ++i) c.push_back({base + i, 8});
-    return c;
-  }
-
-  RecordingSink sink;
-  std::string key = Ipv4Key("192.0.2.1", 4739, 1);
-  IpfixSession session{key, 3, &sink};
+  LogCapture log_;
+  std::unique_ptr<RecordingSink> sink_;
+  std::unique_ptr<IpfixSession> session_;
 };
 
-// ---- Templates and dispatch ----
+// The key string names the session towards storage: its bytes are fixed.
+// Address family, address, port and domain make the identity; bytes past
+// the significant length take no part in it.
+TEST(SessionKeyTest, KeyBytesAndIdentity) {
+  uint8_t expected[10] = {0x12, 0x83, 0, 0, 0, 0, 192, 0, 2, 7};
+  const uint32_t domain = 0x01020304;
+  std::memcpy(expected + 2, &domain, 4);  // host order
+  const SessionKey v4 = Key("::ffff:192.0.2.7", 4739, domain), v6 = Key("::1", 4739, domain);
+  EXPECT_EQ(v4.ToKeyString(), std::string(reinterpret_cast<const char*>(expected), 10));
+  EXPECT_EQ(v6.length, SessionKey::kIpv6Length);
+  EXPECT_EQ(IpfixReceiver::SessionKeyIpString(v6), "::1");
+  EXPECT_FALSE(v4 == Key("::ffff:192.0.2.7", 4740, domain));
+  EXPECT_FALSE(v4 == Key("::ffff:192.0.2.7", 4739, 2));
+  EXPECT_TRUE(v4 == Key("::ffff:192.0.2.7", 4739, domain));
+  // Only ::ffff:a.b.c.d is IPv4; the deprecated ::a.b.c.d form stays IPv6.
+  EXPECT_EQ(Key("::192.0.2.7", 4739, domain).length, SessionKey::kIpv6Length);
 
-TEST_F(SessionTest, DisplayNameFromKey) {
-  EXPECT_EQ(session.display_name(), "192.0.2.1:4739/domain_1");
-  uint8_t v6[22] = {0x12, 0x83, 7, 0, 0, 0, 0x20, 0x01, 0x0d, 0xb8};
-  v6[21] = 1;
-  EXPECT_EQ(IpfixSession(std::string(reinterpret_cast<char*>(v6), 22), 0, nullptr).display_name(),
-            "2001:db8::1:4739/domain_7");
-  EXPECT_EQ(IpfixSession("abcde", 0, nullptr).display_name(), "<invalid:size=5>");
-  EXPECT_EQ(IpfixSession(std::string(12, 'x'), 0, nullptr).display_name(), "<invalid:ip_len=6>");
+  SessionKey dirty = v4, longer = v4;
+  dirty.bytes[15] = 0xAA;
+  EXPECT_TRUE(v4 == dirty);
+  EXPECT_EQ(dtl::ipfix::SessionKeyHash{}(v4), dtl::ipfix::SessionKeyHash{}(dirty));
+  longer.length = SessionKey::kIpv6Length;  // same leading bytes, other length
+  EXPECT_FALSE(v4 == longer);
 }
 
-TEST_F(SessionTest, UnknownTemplateIdsAreSkipped) {
-  Announce({{299, {}}, {260, {}}, {400, {{1, 4}}}, {256, {{3, kVar}}}});
-  EXPECT_EQ(CountLines("unknown template ID 299 — skipping", DTL_LOG_LEVEL_DEBUG), 1u);
-  EXPECT_EQ(CountLines("unknown template ID 260"), 1u);
-  EXPECT_EQ(CountLines("400"), 0u);
-  const auto cached = session.templates();
+TEST_F(SessionTest, TemplatesAndSetsOutsideTheProtocolAreSkipped) {
+  // A descriptive template whose records take no bytes: its sets must end.
+  Announce({{299, {}}, {260, {{1, 4}}}, {332, {{1, 4}}}, {400, {{1, 4}}}, {256, {{3, 0}}}}, false);
+  const auto cached = session_->templates();
   ASSERT_EQ(cached.size(), 1u);
   EXPECT_EQ(cached.count(256), 1u);
-  EXPECT_EQ(session.template_sets_processed(), 1u);
+  for (uint16_t id : {256, 258, 260, 270, 305, 332}) Deliver({{id, std::vector<uint8_t>(16, 'x')}});
+  EXPECT_TRUE(session_->switch_name().empty());
+  EXPECT_EQ(session_->data_sets_processed(), 6u);
+  EXPECT_TRUE(sink_->schema_updates().empty());
 }
 
-TEST_F(SessionTest, DataSetRouting) {
-  const std::vector<uint8_t> body = {0, 4, 'n', 'a', 'm', 'e'};
-  Send(258, body);
-  Send(270, body);
-  Send(332, body);
-  Send(305, body);
-  EXPECT_EQ(CountLines("no template for meta set ID 258, skipping"), 1u);
-  EXPECT_EQ(CountLines("unknown data set ID 270"), 1u);
-  EXPECT_EQ(CountLines("no template for counter set ID 332, skipping"), 1u);
-  EXPECT_EQ(CountLines("no template for counter set ID 305, skipping"), 1u);
-  EXPECT_EQ(session.data_sets_processed(), 4u);
-}
+// The schema goes to the sink once the switch name, the counter names and a
+// defined mapping of every counter are known, and then only on a change.
+// The time fields are not counters; a counter without a name is named by
+// its element.
+TEST_F(SessionTest, SchemaIsPublishedOnceCompleteAndThenOnlyOnAChange) {
+  Announce({{301, {{7, 8}}}, {300, {{1, 4}, {2, 4}, {100, 8}, {42, 8}}}});
+  Deliver({CounterNameSet({{0x8000 | 100, "rx_bytes"}, {101, ""}}),
+           DefinitionSet({{11, "unit", "bytes"}, {12, "unit", "packets"}}), MappingSet({{301, 12}, {300, 11}})});
+  EXPECT_FALSE(session_->IsComplete()) << "two mappings for three counters";
+  Deliver({MappingSet({{300, 13}})});
+  EXPECT_FALSE(session_->IsComplete()) << "metadata ID 13 undefined";
+  Deliver({DefinitionSet({{13, "unit", "packets"}})});
+  Deliver({Record(300, Opening(1, 2, 10, 2))});
+  EXPECT_TRUE(sink_->schema_updates().empty());
+  EXPECT_EQ(sink_->slot_requests(), 0u);
 
-TEST_F(SessionTest, ReadFieldPointerVariableAndFixedLengths) {
-  const dtl::ipfix::ParsedFieldSpecifier var{9, kVar, false, 0}, fixed4{9, 4, false, 0};
-  const uint8_t* p = nullptr;
-  size_t n = 0;
-  const uint8_t empty[] = {0};
-  EXPECT_EQ(session.ReadFieldPointer(var, empty, 1, 0, &p, &n), 1u);
-  EXPECT_EQ(n, 0u);
-  std::vector<uint8_t> longform = {255, 0x01, 0x2c};
-  longform.resize(3 + 300, 'x');
-  EXPECT_EQ(session.ReadFieldPointer(var, longform.data(), longform.size(), 0, &p, &n), 303u);
-  EXPECT_EQ(n, 300u);
-  EXPECT_EQ(p, longform.data() + 3);
-  EXPECT_EQ(session.ReadFieldPointer(var, longform.data(), 302, 0, &p, &n), 0u);  // content cut
-  EXPECT_EQ(session.ReadFieldPointer(var, longform.data(), 2, 0, &p, &n), 0u);    // u16 length cut
-  EXPECT_EQ(session.ReadFieldPointer(var, longform.data(), 3, 3, &p, &n), 0u);    // nothing left
-  EXPECT_EQ(session.ReadFieldPointer(fixed4, longform.data(), 6, 2, &p, &n), 4u);
-  EXPECT_EQ(session.ReadFieldPointer(fixed4, longform.data(), 6, 3, &p, &n), 0u);
-}
-
-TEST_F(SessionTest, ReadRecordKeepsFieldsBeforeATruncation) {
-  ParsedTemplate t{258, {{8, 2, false, 0}, {9, 0, false, 0}, {10, kVar, false, 0}}};
-  const uint8_t ok[] = {0, 7, 2, 'a', 'b'};
-  size_t offset = 0;
-  ASSERT_TRUE(session.ReadRecord(t, ok, sizeof(ok), offset));
-  EXPECT_EQ(offset, 5u);
-  ASSERT_EQ(session.record_fields().size(), 3u);
-  EXPECT_EQ(session.record_fields()[1].length, 0u);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(session.record_fields()[2].data), 2), "ab");
-  const uint8_t cut[] = {0, 7, 255, 0};
-  offset = 0;
-  EXPECT_FALSE(session.ReadRecord(t, cut, sizeof(cut), offset));
-  EXPECT_EQ(session.record_fields().size(), 2u);
-}
-
-TEST_F(SessionTest, MetaTemplateConsumingNothingEndsTheSet) {
-  Announce({{256, {{3, 0}}}, {257, {}}});
-  const std::vector<uint8_t> body(16, 'x');
-  Send(256, body);  // must return: the records never advance
-  Send(257, body);
-  EXPECT_TRUE(session.switch_name().empty());
-  EXPECT_TRUE(session.counter_names().empty());
-  EXPECT_EQ(session.data_sets_processed(), 2u);
-}
-
-TEST_F(SessionTest, UnchangedReannouncementKeepsPendingSample) {
-  SetUpTwoFragments();
-  Send(300, Record(300, Opening(1, 2, 10, 10)));
-  g_lines.clear();
-  Announce({{300, EightByteCounters(100, 10, true)}});
-  EXPECT_TRUE(g_lines.empty());
-  Send(301, Record(301, Opening(0, 0, 0, 0)));  // wrong shape does not matter: counted as a fragment
-  EXPECT_EQ(sink.commits().size(), 1u);
-}
-
-TEST_F(SessionTest, ChangedCounterTemplateDropsPendingAndRepublishes) {
-  SetUpTwoFragments();
-  const size_t published = sink.schema_updates().size();
-  Send(300, Record(300, Opening(1, 2, 10, 10)));
-  auto changed = EightByteCounters(100, 10, true);
-  changed[2].length = 4;
-  g_lines.clear();
-  Announce({{300, changed}});
-  EXPECT_EQ(CountLines("cached counter template ID 300 with 12 fields", DTL_LOG_LEVEL_INFO), 1u);
-  EXPECT_EQ(sink.schema_updates().size(), published + 1);
-  EXPECT_EQ(session.total_value_bytes(), 128u);
-  Send(301, Record(301, {{5, 8}}));
-  EXPECT_TRUE(sink.commits().empty()) << "the pending sample went with the old layout";
-}
-
-// ---- Names, metadata and completeness ----
-
-TEST_F(SessionTest, NothingReachesTheSinkUntilTheSwitchNameArrives) {
-  AnnounceMeta();
-  Announce({{300, EightByteCounters(100, 2, true)}});
-  CompleteMetadata({300}, {2});
-  EXPECT_GE(CountLines("NOT complete (switch='' names=1 meta_complete=1 expected_fields=2 mappings=2"), 1u);
-  Send(300, Record(300, Opening(1, 2, 10, 2)));
-  EXPECT_TRUE(sink.schema_updates().empty());
-  EXPECT_TRUE(sink.slot_requests().empty());
-
-  SendSwitchName("spine-7");
-  EXPECT_EQ(CountLines("switch name = 'spine-7'"), 1u);
-  const auto updates = sink.schema_updates();
+  const std::string name(300, 's');  // a length above 254 takes the three-byte form
+  Deliver({SwitchNameSet(name)});
+  Deliver({SwitchNameSet(name)});  // the same name again: no change
+  ASSERT_TRUE(session_->IsComplete());
+  const auto updates = sink_->schema_updates();
   ASSERT_EQ(updates.size(), 1u);
   EXPECT_EQ(updates[0].worker_id, 3u);
-  EXPECT_EQ(updates[0].key, key);
-  EXPECT_EQ(updates[0].display_name, "192.0.2.1:4739/domain_1");
-  EXPECT_EQ(updates[0].domain_id, 1u);
-  EXPECT_EQ(updates[0].snapshot.switch_name, "spine-7");
-  EXPECT_EQ(updates[0].snapshot.exporter_port, 4739);
-  SendSwitchName("spine-7");  // same name: no change
-  EXPECT_EQ(sink.schema_updates().size(), 1u);
-}
-
-TEST_F(SessionTest, RepeatedCounterNameChangesNothing) {
-  AnnounceMeta();
-  SendNames({{0x8000 | 100, "rx"}});
-  SendNames({{100, "rx"}});
-  EXPECT_EQ(CountLines("counter name IE 100 = 'rx' (revision 3)"), 1u);
-  SendNames({{100, ""}});  // empty names are skipped
-  EXPECT_EQ(session.counter_names().at(100), "rx");
-}
-
-TEST_F(SessionTest, CompletenessNeedsAMappingPerFieldAndEveryDefinition) {
-  AnnounceMeta();
-  Announce({{300, EightByteCounters(100, 3, true)}});
-  SendSwitchName("s");
-  SendNames({{100, "a"}});
-  SendDefinitions({{1, "k", "v"}}, 1);
-  SendMappings({{300, 1}, {300, 1}}, 1);
-  EXPECT_FALSE(session.IsComplete());  // 2 mappings < 3 fields
-  SendMappings({{300, 2}}, 2);
-  EXPECT_FALSE(session.IsComplete());  // metadata ID 2 undefined
-  EXPECT_TRUE(sink.schema_updates().empty());
-  SendDefinitions({{2, "k", "w"}}, 2);
-  EXPECT_TRUE(session.IsComplete());
-  ASSERT_EQ(sink.schema_updates().size(), 1u);
-
-  // A later definition of a key replaces the earlier one; mappings of an
-  // unknown template change nothing.
-  SendDefinitions({{2, "k", "changed"}}, 2);
-  SendMappings({{301, 9}}, 3);
-  const auto snap = session.GetSchemaSnapshot();
-  EXPECT_EQ(snap.metadata_definitions.at(2), (dtl::ipfix::MetadataPairs{{"k", "changed"}}));
-  EXPECT_EQ(snap.metadata_mappings.size(), 3u);
-  EXPECT_EQ(sink.schema_updates().size(), 2u);
-}
-
-TEST_F(SessionTest, SnapshotFlatFieldsDropTimeFieldsAndFollowMappings) {
-  AnnounceMeta();
-  Announce({{301, {{7, 8}}}, {300, {{1, 4}, {2, 4}, {100, 8}, {42, 8}}}});
-  SendSwitchName("s");
-  SendNames({{100, "rx_bytes"}});
-  SendDefinitions({{11, "unit", "bytes"}, {12, "unit", "packets"}}, 1);
-  SendMappings({{300, 11}, {301, 12}, {300, 12}}, 1);
-  ASSERT_EQ(sink.schema_updates().size(), 1u);
-  const SchemaSnapshot snap = sink.schema_updates()[0].snapshot;
-  const std::vector<FlatFieldInfo> expected = {
+  EXPECT_EQ(updates[0].key, kKey);
+  const auto& snapshot = updates[0].snapshot;
+  EXPECT_EQ(snapshot.display_name, "192.0.2.1:4739/domain_1");
+  EXPECT_EQ(snapshot.observation_domain_id, 1u);
+  EXPECT_EQ(snapshot.switch_name, name);
+  EXPECT_EQ(snapshot.exporter_port, 4739);
+  EXPECT_EQ(snapshot.counter_names, (std::map<uint16_t, std::string>{{100, "rx_bytes"}}));
+  const std::vector<dtl::ipfix::FlatFieldInfo> expected = {
       {300, 100, "rx_bytes", 11, {{"unit", "bytes"}}, 8},
-      {300, 42, "ie_42", 12, {{"unit", "packets"}}, 8},
+      {300, 42, "ie_42", 13, {{"unit", "packets"}}, 8},
       {301, 7, "ie_7", 12, {{"unit", "packets"}}, 8},
   };
-  EXPECT_EQ(snap.flat_fields, expected);
+  EXPECT_EQ(snapshot.flat_fields, expected);
 }
 
-TEST_F(SessionTest, SinkWithoutRootOrNoSinkGetsNothing) {
-  RecordingSink rootless("");
-  for (dtl::ipfix::IpfixSessionSink* s : {static_cast<dtl::ipfix::IpfixSessionSink*>(&rootless),
-                                         static_cast<dtl::ipfix::IpfixSessionSink*>(nullptr)}) {
-    IpfixSession other(key, 0, s);
-    SetBody t(2);
-    t.b.AddTemplate(300, EightByteCounters(100, 1, true));
-    const auto body = t.Body();
-    other.UpdateTemplates(MessageParser::ParseTemplateSet(body.data(), body.size()));
-    const auto rec = Record(300, Opening(1, 2, 3, 1));
-    other.ProcessDataSet(300, rec.data(), rec.size(), 0, 0);
-    EXPECT_EQ(other.records_written(), 0u);
+// Template 300 has three counters, 301 two; the exporter maps them to
+// definitions 1, 2, 3 and 2, 1.
+const MetadataPairs kSwp1 = {{"interface", "swp1"}, {"traffic_class", "0"}};
+const MetadataPairs kSwp2 = {{"interface", "swp2"}}, kSwp3 = {{"interface", "swp3"}};
+const std::vector<Definition> kDefinitions = {
+    {1, "interface", "swp1"}, {1, "traffic_class", "0"}, {2, "interface", "swp2"}, {3, "interface", "swp3"}};
+const std::vector<Mapping> kMappings = {{300, 1}, {300, 2}, {300, 3}, {301, 2}, {301, 1}};
+const std::vector<MetadataPairs> kLabels = {kSwp1, kSwp2, kSwp3, kSwp2, kSwp1};
+const Templates kTwoTemplates = {{300, CounterFields(100, 3, true)}, {301, CounterFields(200, 2, false)}};
+
+// Names and definitions in one message, then the mappings in messages cut
+// after the given numbers of mappings.
+std::vector<Message> Announcement(const std::vector<Mapping>& mappings, std::vector<size_t> cuts,
+                                  const std::vector<Definition>& definitions = kDefinitions) {
+  std::vector<Message> messages = {
+      {SwitchNameSet("leaf1"), CounterNameSet({{100, "rx"}, {200, "tx"}}), DefinitionSet(definitions)}};
+  cuts.push_back(mappings.size());
+  for (size_t begin = 0, i = 0; i < cuts.size(); begin = cuts[i++])
+    messages.push_back({MappingSet({mappings.begin() + begin, mappings.begin() + cuts[i]})});
+  return messages;
+}
+
+TEST_F(SessionTest, LabelsChangeOnlyWithTheAnnouncedMetadata) {
+  Announce(kTwoTemplates);
+  const auto announcement = Announcement(kMappings, {2});
+  // The definitions twice in the first announcement: in a message of their
+  // own and again with the names.
+  Deliver({DefinitionSet(kDefinitions)});
+  DeliverAll(announcement);
+  ASSERT_EQ(sink_->schema_updates().size(), 1u);
+  EXPECT_EQ(Labels(sink_->schema_updates()[0].snapshot), kLabels);
+
+  // Re-announcing what is held changes nothing and says nothing: whole
+  // announcements, and one template's definitions and mappings at a time
+  // (starting with any template) between other descriptive records.
+  const size_t lines = LogCapture::Snapshot().size();
+  for (int i = 0; i < 3; ++i) DeliverAll(announcement);
+  Deliver({DefinitionSet({{1, "interface", "swp1"}}), DefinitionSet(kDefinitions)});
+  for (int i = 0; i < 2; ++i) {
+    Deliver({DefinitionSet({kDefinitions[0], kDefinitions[2]}), MappingSet({kMappings.begin() + 3, kMappings.end()})});
+    Deliver({SwitchNameSet("leaf1"), DefinitionSet({kDefinitions[1]})});
+    Deliver({DefinitionSet(kDefinitions), MappingSet({kMappings.begin(), kMappings.begin() + 3})});
   }
-  EXPECT_TRUE(rootless.schema_updates().empty());
-  EXPECT_TRUE(rootless.slot_requests().empty());
-  EXPECT_EQ(CountLines("NOT complete"), 0u);
+  EXPECT_EQ(LogCapture::Snapshot().size(), lines);
+  EXPECT_EQ(sink_->schema_updates().size(), 1u);
+  EXPECT_EQ(session_->pending_mapping_count(), 0u);
+  EXPECT_EQ(Labels(session_->GetSchemaSnapshot()), kLabels);
+
+  // A later value of a key replaces the earlier one in place, once.
+  for (int i = 0; i < 2; ++i) Deliver({DefinitionSet({{1, "interface", "swp9"}})});
+  const MetadataPairs swp9 = {{"interface", "swp9"}, {"traffic_class", "0"}};
+  ASSERT_EQ(sink_->schema_updates().size(), 2u);
+  EXPECT_EQ(Labels(sink_->schema_updates()[1].snapshot), (std::vector<MetadataPairs>{swp9, kSwp2, kSwp3, kSwp2, swp9}));
+  Deliver({CounterNameSet({{100, "rx_bytes"}})});  // a renamed counter
+  EXPECT_EQ(sink_->schema_updates().size(), 3u);
+
+  // New counter templates make the held mappings partial: the session waits
+  // for an announcement that maps the new layout.
+  Announce({{300, CounterFields(100, 3, true)}, {301, CounterFields(200, 3, false)}});
+  EXPECT_FALSE(session_->IsComplete());
+  DeliverAll(announcement);
+  EXPECT_FALSE(session_->IsComplete());
+  std::vector<Mapping> six = kMappings;
+  six.emplace_back(301, 3);
+  DeliverAll(Announcement(six, {3}));
+  ASSERT_TRUE(session_->IsComplete());
+  EXPECT_EQ(Labels(sink_->schema_updates().back().snapshot),
+            (std::vector<MetadataPairs>{kSwp1, kSwp2, kSwp3, kSwp2, kSwp1, kSwp3}));
 }
 
-// ---- Sample assembly ----
+// Announcements repeated while a mapping datagram is lost, or while the
+// session cannot complete at all: it keeps one copy of what it holds, logs
+// nothing more and publishes nothing. Once a whole announcement has arrived
+// it publishes the right labels, and a partial one later leaves them alone.
+TEST_F(SessionTest, AnnouncementsWithLostMappingDatagrams) {
+  const Templates one_template = {{300, CounterFields(100, 4, true)}}, none;
+  const std::vector<Mapping> four = {{300, 3}, {300, 2}, {300, 1}, {300, 1}};
+  const std::vector<MetadataPairs> four_labels = {kSwp3, kSwp2, kSwp1, kSwp1}, never = {};
+  const std::vector<Definition> missing_one = {kDefinitions.begin(), kDefinitions.end() - 1};
+  const struct {
+    const char* what;
+    const Templates& templates;
+    const std::vector<Mapping>& mappings;
+    std::vector<size_t> cuts, lost;
+    const std::vector<Definition>& definitions;
+    const std::vector<MetadataPairs>& labels;  // empty: never complete
+  } cases[] = {
+      {"first of two, a template split", kTwoTemplates, kMappings, {2}, {0}, kDefinitions, kLabels},
+      {"second of two, a template split", kTwoTemplates, kMappings, {2}, {1}, kDefinitions, kLabels},
+      {"second of two, at a template's end", kTwoTemplates, kMappings, {3}, {1}, kDefinitions, kLabels},
+      {"middle of three", kTwoTemplates, kMappings, {1, 4}, {1}, kDefinitions, kLabels},
+      {"first and last of three", kTwoTemplates, kMappings, {1, 4}, {0, 2}, kDefinitions, kLabels},
+      {"one template, first of two", one_template, four, {2}, {0}, kDefinitions, four_labels},
+      {"one template, second of two", one_template, four, {2}, {1}, kDefinitions, four_labels},
+      {"one template, middle of three", one_template, four, {1, 3}, {1}, kDefinitions, four_labels},
+      {"a mapped definition never sent", kTwoTemplates, kMappings, {2}, {}, missing_one, never},
+      {"no counter templates", none, kMappings, {2}, {}, kDefinitions, never},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Fresh();
+    Announce(c.templates);
+    const auto announcement = Announcement(c.mappings, c.cuts, c.definitions);
+    DeliverAll(announcement, c.lost);
+    const size_t lines = LogCapture::Snapshot().size(), pending = session_->pending_mapping_count();
+    const auto held = session_->GetSchemaSnapshot();
+    for (int i = 0; i < 100; ++i) DeliverAll(announcement, c.lost);
+    EXPECT_FALSE(session_->IsComplete());
+    EXPECT_EQ(LogCapture::Snapshot().size(), lines);
+    EXPECT_EQ(session_->pending_mapping_count(), pending);
+    EXPECT_LE(pending, c.mappings.size());
+    EXPECT_EQ(session_->GetSchemaSnapshot().metadata_definitions, held.metadata_definitions);
+    EXPECT_EQ(session_->GetSchemaSnapshot().metadata_mappings, held.metadata_mappings);
+    EXPECT_TRUE(sink_->schema_updates().empty());
 
-TEST_F(SessionTest, TwoFragmentSampleIsCommittedAfterBoth) {
-  SetUpTwoFragments();
-  EXPECT_EQ(session.value_offsets(0), 0u);
-  EXPECT_EQ(session.value_offsets(1), 80u);
-  EXPECT_EQ(session.total_value_bytes(), 128u);
-  EXPECT_EQ(session.fragment_count(), 2u);
-  EXPECT_EQ(session.expected_fields(), 16u);
-
-  Send(300, Record(300, Opening(1700000000, 500, 0x0102030405060708, 10)));
-  ASSERT_EQ(sink.slot_requests().size(), 1u);
-  const auto req = sink.slot_requests()[0];
-  EXPECT_EQ(req.worker_id, 3u);
-  EXPECT_EQ(req.time_sec, 1700000000u);
-  EXPECT_EQ(req.time_nsec, 500u);
-  EXPECT_EQ(req.values_size, 128u);
-  EXPECT_TRUE(sink.commits().empty());
-
-  Counters c301;
-  for (uint64_t i = 0; i < 6; ++i) c301.push_back({1000 + i, 8});
-  Send(301, Record(301, c301));
-  const auto commits = sink.commits();
-  ASSERT_EQ(commits.size(), 1u);
-  const auto v = Values(commits[0]);
-  ASSERT_EQ(v.size(), 16u);
-  EXPECT_EQ(v[0], 0x0102030405060708u);
-  EXPECT_EQ(v[9], 0x0102030405060708u + 9);
-  EXPECT_EQ(v[10], 1000u);
-  EXPECT_EQ(v[15], 1005u);
-  EXPECT_EQ(session.records_written(), 1u);
-  EXPECT_EQ(CountLines("ProcessCounterDataRecords: session=192.0.2.1:4739/domain_1 records_written=1"), 1u);
+    DeliverAll(announcement);
+    EXPECT_EQ(session_->IsComplete(), !c.labels.empty());
+    DeliverAll(announcement, c.lost);
+    DeliverAll(announcement);
+    // Every schema the sink ever saw had the right labels.
+    const auto updates = sink_->schema_updates();
+    ASSERT_EQ(updates.size(), c.labels.empty() ? 0u : 1u);
+    if (c.labels.empty()) continue;
+    EXPECT_EQ(Labels(updates[0].snapshot), c.labels);
+    EXPECT_EQ(updates[0].snapshot.metadata_mappings, c.mappings);
+  }
 }
 
-// A fragment placed by its template: the order of a sample's fragments does
-// not matter, and one that comes before its sample's first record waits.
-// Without sequence numbers that can place it (here every message has the
-// same number), a fragment that comes before its sample's first record
-// cannot be told from a leftover and is not kept; a sample that never
-// completes is dropped when the next one opens.
-TEST_F(SessionTest, WithoutNumbersOnlyFragmentsAfterTheFirstRecordCount) {
-  SetUpTwoFragments();
-  const Counters six = {{1, 8}, {2, 8}, {3, 8}, {4, 8}, {5, 8}, {6, 8}};
-  Send(301, Record(301, six));
-  Send(300, Record(300, Opening(1, 0, 10, 10)));
-  EXPECT_TRUE(sink.commits().empty());
-  Send(300, Record(300, Opening(2, 0, 20, 10)));
-  EXPECT_EQ(CountLines("discarding incomplete sample (1 of 2 fragments)"), 1u);
-  Send(301, Record(301, six));
-  ASSERT_EQ(sink.commits().size(), 1u);
-  EXPECT_EQ(Values(sink.commits()[0]),
-            (std::vector<uint64_t>{20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 1, 2, 3, 4, 5, 6}));
+// Template 300 has the sample time and two counters, 301 one counter.
+const Templates kSmallLayout = {{300, CounterFields(100, 2, true)}, {301, CounterFields(200, 1, false)}};
+
+// Templates re-announced mid-sample: unchanged ones keep the pending sample,
+// a changed one drops it (its layout is gone) and publishes a new schema,
+// a withdrawn one leaves the layout.
+TEST_F(SessionTest, TemplatesChangedOrWithdrawnMidStream) {
+  SetUpSchema(kSmallLayout);
+  Deliver({Record(300, Opening(1, 2, 10, 2))});
+  Announce({{300, CounterFields(100, 2, true)}}, false);
+  Deliver({Record(301, {{12, 8}})});
+  ASSERT_EQ(sink_->commits().size(), 1u);
+  EXPECT_EQ(ValuesOf(sink_->commits()[0]), (Values{10, 11, 12}));
+
+  Deliver({Record(300, Opening(1, 2, 10, 2))});
+  Announce({{300, {{1, 4}, {2, 4}, {100, 4}, {101, 8}}}}, false);
+  EXPECT_EQ(sink_->schema_updates().size(), 2u);
+  Deliver({Record(301, {{5, 8}})});
+  EXPECT_EQ(sink_->commits().size(), 1u) << "the pending sample went with the old layout";
+
+  Announce({{301, {}}}, false);
+  EXPECT_EQ(sink_->schema_updates().size(), 3u);
+  Deliver({Record(300, {{1, 4}, {0, 4}, {20, 4}, {21, 8}})});
+  ASSERT_EQ(sink_->commits().size(), 2u);
+  EXPECT_EQ(ValuesOf(sink_->commits()[1]), (Values{20, 21}));
+}
+
+// A sample's first record cut before its time opens no sample (it would be
+// stored at time 0).
+TEST_F(SessionTest, FirstRecordWithoutItsTimeOpensNoSample) {
+  SetUpSchema(kSmallLayout);
+  Set cut = Record(300, Opening(1, 0, 10, 2));
+  cut.body.resize(3);
+  Deliver({cut});
+  Deliver({Record(301, {{1, 8}})});
+  EXPECT_EQ(sink_->slot_requests(), 0u);
+  EXPECT_TRUE(sink_->commits().empty());
+}
+
+// One counter template of any shape: the values stored and the sample time.
+TEST_F(SessionTest, SingleRecordSamplesOfEveryShape) {
+  // cut: bytes cut off the end of the record.
+  const struct { const char* what; std::vector<FieldSpec> fields; Counters record; size_t cut; Values values;
+                 uint32_t sec, nsec; } cases[] = {
+      {"narrow counters", {{1, 4}, {2, 4}, {100, 8}, {101, 4}, {102, 3}, {103, 2}, {104, 1}},
+       {{9, 4}, {8, 4}, {7, 8}, {0x102, 4}, {0xabcdef, 3}, {0x1234, 2}, {0xfe, 1}}, 0, {7, 258, 0, 0x1234, 0xfe}, 9, 8},
+      {"short record keeps what fits", CounterFields(100, 3, true), Opening(1, 2, 5, 3), 1, {5, 6, 0}, 1, 2},
+      {"no time fields", CounterFields(100, 2, false), {{11, 8}, {12, 8}}, 0, {11, 12}, 0, 0},
+      {"time between counters", {{100, 8}, {1, 4}, {101, 8}, {2, 4}}, {{11, 8}, {77, 4}, {12, 8}, {88, 4}}, 0,
+       {11, 12}, 77, 88},
+      {"variable-length field", {{1, 4}, {2, 4}, {100, 8}, {500, kVar}, {101, 8}},
+       {{5, 4}, {6, 4}, {11, 8}, {0, kVar}, {12, 8}}, 0, {11, 12}, 5, 6},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Fresh();
+    SetUpSchema({{300, c.fields}});
+    // The published description has one entry per stored value.
+    EXPECT_EQ(sink_->schema_updates().back().snapshot.flat_fields.size(), c.values.size());
+    Set record = Record(300, c.record);
+    record.body.resize(record.body.size() - c.cut);
+    Deliver({record});
+    ASSERT_EQ(sink_->commits().size(), 1u);
+    EXPECT_EQ(ValuesOf(sink_->commits()[0]), c.values);
+    EXPECT_EQ(sink_->commits()[0].time_sec, c.sec);
+    EXPECT_EQ(sink_->commits()[0].time_nsec, c.nsec);
+  }
 }
 
 // Exporters number their messages in different legal ways. Each case
@@ -429,244 +425,81 @@ TEST_F(SessionTest, WithoutNumbersOnlyFragmentsAfterTheFirstRecordCount) {
 // the last fragment of sample A and the first of sample B: B's later
 // fragments must not complete A when the numbers tell the loss, and every
 // whole sample, however its records were packed or ordered, is stored.
-struct NumberingCase {
-  const char* name;
-  enum Mode { kPerRecord, kPerMessage, kConstant } mode;
-  bool whole_sample_per_message;  // else one record per message
-  bool interleave;                // a descriptive record between fragments
-  bool swap;                      // 300 and 301 of some samples swapped (separate messages only:
-                                  // the network reorders datagrams, not records)
-  bool loss_told;                 // the numbers show the loss: A is not stored
-};
-
-class SequenceNumbering : public SessionTest, public ::testing::WithParamInterface<NumberingCase> {
- protected:
-  void SetUp() override {
-    SessionTest::SetUp();
-    AnnounceMeta();
-    Announce({{300, EightByteCounters(100, 1, true)},
-              {301, EightByteCounters(200, 1, false)},
-              {302, EightByteCounters(300, 1, false)}});
-    SendSwitchName("leaf1");
-    CompleteMetadata({300, 301, 302}, {1, 1, 1});
-    ASSERT_TRUE(session.IsComplete());
-  }
-  // Sends the records of one sample; skip lists the templates lost on the way.
-  void Sample(uint32_t n, std::vector<uint16_t> skip = {}) {
-    const NumberingCase& c = GetParam();
-    std::vector<std::pair<uint16_t, std::vector<uint8_t>>> records = {
-        {300, Record(300, Opening(n, 0, n * 10, 1))},
-        {301, Record(301, {{n * 10 + 1, 8}})},
-        {302, Record(302, {{n * 10 + 2, 8}})}};
-    if (c.interleave) {
-      SetBody name(256);
-      name.b.PutVarLength("leaf1");
-      records.insert(records.begin() + 2, {256, name.Body()});
-    }
-    // Numbers are given in sending order; swapping changes arrival only.
-    std::vector<uint32_t> numbers;
-    for (size_t i = 0; i < records.size(); ++i) numbers.push_back(record_ + static_cast<uint32_t>(i));
-    record_ += static_cast<uint32_t>(records.size());
-    // Every third sample once the numbering is learnt, A among them.
-    if (c.swap && n % 3 == 1 && n > 3) {
-      std::swap(records[0], records[1]);
-      std::swap(numbers[0], numbers[1]);
-    }
-    const uint32_t message_number = message_;
-    for (size_t i = 0; i < records.size(); ++i) {
-      const bool lost = std::find(skip.begin(), skip.end(), records[i].first) != skip.end();
-      const uint32_t seq = c.mode == NumberingCase::kPerRecord    ? numbers[i]
-                           : c.mode == NumberingCase::kPerMessage ? message_
-                                                                  : 7;
-      if (!c.whole_sample_per_message) {
-        ++message_;
+TEST_F(SessionTest, WholeSamplesAreStoredAndALossIsNotFilledFromTheNextSample) {
+  enum Numbering { kPerRecord, kPerMessage, kConstant };
+  const struct {
+    const char* what;
+    Numbering numbering;
+    bool whole_sample_per_message;  // else one record per message
+    bool interleave;                // a descriptive record between fragments
+    bool swap;                      // 300 and 301 of some samples swapped (separate messages only:
+                                    // the network reorders datagrams, not records)
+    bool loss_told;                 // the numbers show the loss: A is not stored
+  } cases[] = {
+      {"per record", kPerRecord, false, false, false, true},
+      {"per record, interleaved", kPerRecord, false, true, false, true},
+      {"per record, swapped", kPerRecord, false, false, true, true},
+      // Records lost from inside a message (the network loses whole
+      // datagrams) leave the numbers unable to tell.
+      {"per record, whole samples", kPerRecord, true, true, false, false},
+      {"per message", kPerMessage, false, false, false, true},
+      {"per message, whole samples", kPerMessage, true, false, false, false},
+      {"constant", kConstant, false, true, true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Fresh();
+    SetUpSchema({{300, CounterFields(100, 1, true)}, {301, CounterFields(200, 1, false)},
+                 {302, CounterFields(300, 1, false)}});
+    uint32_t next_record = 1000, next_message = 500;
+    // Sends the records of sample n; skip lists the templates lost on the way.
+    const auto sample = [&](uint32_t n, std::vector<uint16_t> skip = {}) {
+      std::vector<Set> records = {Record(300, Opening(n, 0, n * 10, 1)), Record(301, {{n * 10 + 1, 8}}),
+                                  Record(302, {{n * 10 + 2, 8}})};
+      if (c.interleave) records.insert(records.begin() + 2, SwitchNameSet("leaf1"));
+      // Numbers are given in sending order; swapping changes arrival only.
+      std::vector<uint32_t> numbers;
+      for (size_t i = 0; i < records.size(); ++i) numbers.push_back(next_record++);
+      // Every third sample once the numbering is learnt, A among them.
+      if (c.swap && n % 3 == 1 && n > 3) {
+        std::swap(records[0], records[1]);
+        std::swap(numbers[0], numbers[1]);
+      }
+      Message whole;
+      for (size_t i = 0; i < records.size(); ++i) {
+        const bool lost = std::find(skip.begin(), skip.end(), records[i].id) != skip.end();
+        if (c.whole_sample_per_message) {
+          if (!lost) whole.push_back(records[i]);
+          continue;
+        }
+        const uint32_t message = next_message++;
         if (lost) continue;
-        Send(records[i].first, records[i].second, seq);
-      } else {
-        if (i == 0) session.BeginMessage(c.mode == NumberingCase::kPerRecord ? numbers[0] : message_number);
-        if (!lost)
-          session.ProcessDataSet(records[i].first, records[i].second.data(), records[i].second.size(), 0, 0);
+        Deliver({records[i]}, c.numbering == kPerRecord ? numbers[i] : c.numbering == kPerMessage ? message : 7);
+      }
+      if (c.whole_sample_per_message) Deliver(whole, c.numbering == kPerRecord ? numbers[0] : next_message++);
+    };
+    for (uint32_t n = 1; n <= 12; ++n) sample(n);
+    // Numbers that say nothing cannot place a fragment that comes before its
+    // sample's first record: such a sample (4, 7 and 10 here) is lost.
+    const size_t unplaceable = c.numbering == kConstant && c.swap ? 3 : 0;
+    ASSERT_EQ(sink_->commits().size(), 12u - unplaceable) << "every whole sample is stored";
+    sample(13, {302});       // A: its last fragment is lost
+    sample(14, {300, 301});  // B: its first fragments are lost, its 302 arrives
+    sample(15);
+    const auto commits = sink_->commits();
+    EXPECT_EQ(ValuesOf(commits.back()), (Values{150, 151, 152}));
+    const auto a = std::find_if(commits.begin(), commits.end(), [](const auto& x) { return ValuesOf(x)[0] == 130; });
+    if (c.loss_told) {
+      EXPECT_TRUE(a == commits.end()) << "sample A completed with sample B's fragment";
+      EXPECT_EQ(commits.size(), 13u - unplaceable);
+    }
+    for (const auto& commit : commits) {
+      const auto v = ValuesOf(commit);
+      if (v[0] != 130) {
+        EXPECT_EQ(v, (Values{v[0], v[0] + 1, v[0] + 2}));
       }
     }
-    if (c.whole_sample_per_message) ++message_;
   }
-  uint32_t record_ = 1000;
-  uint32_t message_ = 500;
-};
-
-TEST_P(SequenceNumbering, WholeSamplesAreStoredAndALossIsNotFilledFromTheNextSample) {
-  const NumberingCase& c = GetParam();
-  for (uint32_t n = 1; n <= 12; ++n) Sample(n);
-  // Numbers that say nothing cannot place a fragment that comes before its
-  // sample's first record: such a sample (4, 7 and 10 here) is lost.
-  const size_t unplaceable = c.mode == NumberingCase::kConstant && c.swap ? 3 : 0;
-  ASSERT_EQ(sink.commits().size(), 12u - unplaceable) << "every whole sample is stored";
-  Sample(13, {302});       // A: its last fragment is lost
-  Sample(14, {300, 301});  // B: its first fragments are lost, its 302 arrives
-  Sample(15);
-  const auto commits = sink.commits();
-  ASSERT_FALSE(commits.empty());
-  EXPECT_EQ(Values(commits.back()), (std::vector<uint64_t>{150, 151, 152}));
-  const bool a_stored = std::any_of(commits.begin(), commits.end(),
-                                    [&](const auto& commit) { return Values(commit)[0] == 130; });
-  if (c.loss_told) {
-    EXPECT_FALSE(a_stored) << "sample A completed with sample B's fragment";
-    EXPECT_EQ(commits.size(), 13u - unplaceable);
-  }
-  for (const auto& commit : commits) {
-    const auto v = Values(commit);
-    if (v[0] != 130) {
-      EXPECT_EQ(v, (std::vector<uint64_t>{v[0], v[0] + 1, v[0] + 2}));
-    }
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Exporters, SequenceNumbering,
-    ::testing::Values(NumberingCase{"PerRecord", NumberingCase::kPerRecord, false, false, false, true},
-                      NumberingCase{"PerRecordInterleaved", NumberingCase::kPerRecord, false, true, false, true},
-                      NumberingCase{"PerRecordSwapped", NumberingCase::kPerRecord, false, false, true, true},
-                      // Records lost from inside a message (the network loses whole
-                      // datagrams) leave the numbers unable to tell.
-                      NumberingCase{"PerRecordWholeSamples", NumberingCase::kPerRecord, true, true, false, false},
-                      NumberingCase{"PerMessage", NumberingCase::kPerMessage, false, false, false, true},
-                      NumberingCase{"PerMessageWholeSamples", NumberingCase::kPerMessage, true, false, false, false},
-                      NumberingCase{"Constant", NumberingCase::kConstant, false, true, true, false}),
-    [](const ::testing::TestParamInfo<NumberingCase>& info) { return info.param.name; });
-
-TEST_F(SessionTest, DroppedSlotSkipsTheWholeSample) {
-  SetUpTwoFragments();
-  sink.set_drop_samples(true);
-  Send(300, Record(300, Opening(1, 0, 0, 10)));
-  Send(301, Record(301, {{1, 8}}));
-  EXPECT_TRUE(sink.commits().empty());
-}
-
-// The first record of a sample must carry the sample's time: one cut
-// before it opens nothing (it would be stored at time 0).
-TEST_F(SessionTest, FirstRecordWithoutItsTimeOpensNoSample) {
-  SetUpTwoFragments();
-  auto cut = Record(300, Opening(1, 0, 10, 10));
-  cut.resize(3);
-  Send(300, cut);
-  Send(301, Record(301, Opening(0, 0, 1, 4)));
-  EXPECT_TRUE(sink.slot_requests().empty());
-  EXPECT_TRUE(sink.commits().empty());
-}
-
-// A withdrawn counter template leaves the sample layout: later samples
-// complete without it, under a new schema.
-TEST_F(SessionTest, WithdrawnTemplateLeavesTheLayout) {
-  SetUpTwoFragments();
-  const size_t published = sink.schema_updates().size();
-  Announce({{301, {}}});
-  EXPECT_EQ(sink.schema_updates().size(), published + 1);
-  EXPECT_EQ(session.fragment_count(), 1u);
-  Send(300, Record(300, Opening(1, 0, 10, 10)));
-  ASSERT_EQ(sink.commits().size(), 1u);
-  EXPECT_EQ(Values(sink.commits()[0]).size(), 10u);
-}
-
-// A single-fragment schema with the given counter template 300.
-class SingleFragmentTest : public SessionTest {
- protected:
-  void Use(const std::vector<FieldSpec>& fields, size_t counters) {
-    AnnounceMeta();
-    Announce({{300, fields}});
-    SendSwitchName("s");
-    CompleteMetadata({300}, {counters});
-    ASSERT_TRUE(session.IsComplete());
-  }
-  std::vector<uint64_t> CommitOne(const Counters& record, size_t cut = 0) {
-    auto body = Record(300, record);
-    body.resize(body.size() - cut);
-    Send(300, body);
-    const auto commits = sink.commits();
-    return commits.empty() ? std::vector<uint64_t>{} : Values(commits.back());
-  }
-};
-
-TEST_F(SingleFragmentTest, NarrowCountersTakeTheStepwisePath) {
-  Use({{1, 4}, {2, 4}, {100, 8}, {101, 4}, {102, 3}, {103, 2}, {104, 1}}, 5);
-  EXPECT_EQ(CommitOne({{9, 4}, {8, 4}, {7, 8}, {0x102, 4}, {0xabcdef, 3}, {0x1234, 2}, {0xfe, 1}}),
-            (std::vector<uint64_t>{7, 258, 0, 0x1234, 0xfe}));
-}
-
-TEST_F(SingleFragmentTest, ShortRecordKeepsTheValuesThatFitAndStillCommits) {
-  Use(EightByteCounters(100, 3, true), 3);
-  EXPECT_EQ(CommitOne(Opening(1, 2, 5, 3), 1), (std::vector<uint64_t>{5, 6, 0}));
-}
-
-TEST_F(SingleFragmentTest, MissingTimeFieldsGiveTimeZero) {
-  Use(EightByteCounters(100, 2, false), 2);
-  EXPECT_EQ(CommitOne({{11, 8}, {12, 8}}), (std::vector<uint64_t>{11, 12}));
-  EXPECT_EQ(sink.slot_requests()[0].time_sec, 0u);
-  EXPECT_EQ(sink.slot_requests()[0].time_nsec, 0u);
-}
-
-TEST_F(SingleFragmentTest, TimeFieldBetweenCounters) {
-  Use({{100, 8}, {1, 4}, {101, 8}, {2, 4}}, 2);
-  EXPECT_EQ(CommitOne({{11, 8}, {77, 4}, {12, 8}, {88, 4}}), (std::vector<uint64_t>{11, 12}));
-  EXPECT_EQ(sink.slot_requests()[0].time_sec, 77u);
-  EXPECT_EQ(sink.slot_requests()[0].time_nsec, 88u);
-}
-
-TEST_F(SingleFragmentTest, VariableLengthFieldIsReadFieldByField) {
-  Use({{1, 4}, {2, 4}, {100, 8}, {500, kVar}, {101, 8}}, 2);
-  SetBody s(300);
-  s.b.PutU32(5);
-  s.b.PutU32(6);
-  s.b.PutU64(11);
-  s.b.PutVarLength("label");
-  s.b.PutU64(12);
-  Send(300, s.Body());
-  ASSERT_EQ(sink.commits().size(), 1u);
-  EXPECT_EQ(Values(sink.commits()[0]), (std::vector<uint64_t>{11, 12}));
-  EXPECT_EQ(sink.slot_requests()[0].time_sec, 5u);
-  // The published description has one entry per stored value.
-  const auto updates = sink.schema_updates();
-  ASSERT_FALSE(updates.empty());
-  const auto& flat = updates.back().snapshot.flat_fields;
-  ASSERT_EQ(flat.size(), 2u);
-  EXPECT_EQ(flat[0].element_id, 100);
-  EXPECT_EQ(flat[1].element_id, 101);
-}
-
-// Minimal sink for long runs: one reusable slot, commits only counted.
-class CountingSink : public RecordingSink {
- public:
-  uint8_t* AcquireRecordValueSlot(size_t, const std::string&, uint32_t, uint32_t, uint64_t) override {
-    return slot;
-  }
-  void CommitRecord(size_t, const std::string&, uint64_t) override { ++commits; }
-  uint8_t slot[8] = {};
-  uint64_t commits = 0;
-};
-
-TEST_F(SessionTest, RecordsWrittenLineIsRateLimited) {
-  CountingSink counting;
-  IpfixSession s(key, 0, &counting);
-  SetBody t(2);
-  t.b.AddTemplate(256, {{3, kVar}});
-  t.b.AddTemplate(257, {{5, 2}, {4, kVar}});
-  t.b.AddTemplate(258, {{8, 8}, {9, kVar}});
-  t.b.AddTemplate(259, {{6, 2}, {8, 8}});
-  t.b.AddTemplate(300, {{1, 4}, {2, 4}, {100, 8}});
-  const auto tb = t.Body();
-  s.UpdateTemplates(MessageParser::ParseTemplateSet(tb.data(), tb.size()));
-  const std::vector<std::pair<uint16_t, std::vector<uint8_t>>> meta = {
-      {256, {1, 's'}}, {257, {0, 100, 1, 'n'}}, {258, {0, 0, 0, 0, 0, 0, 0, 1, 1, 'k'}}, {259, {1, 44, 0, 0, 0, 0, 0, 0, 0, 1}}};
-  for (const auto& [id, body] : meta) s.ProcessDataSet(id, body.data(), body.size(), 0, 1);
-  ASSERT_TRUE(s.IsComplete());
-  const auto rec = Record(300, {{1, 4}, {0, 4}, {42, 8}});
-  for (int i = 0; i < 1048577; ++i) s.ProcessDataSet(300, rec.data(), rec.size(), 0, 0);
-  EXPECT_EQ(counting.commits, 1048577u);
-  EXPECT_EQ(CountLines("records_written="), 3u);
-  EXPECT_EQ(CountLines("records_written=524289"), 1u);
-  EXPECT_EQ(CountLines("records_written=1048577"), 1u);
-  uint64_t v;
-  std::memcpy(&v, counting.slot, 8);
-  EXPECT_EQ(v, 42u);
 }
 
 }  // namespace

@@ -16,99 +16,19 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace dtl_test {
 
-// Moves the calling thread into a mount namespace of its own whose mounts
-// propagate nowhere. Empty on success, otherwise why it failed.
+// Empty on success, otherwise why it failed.
 inline std::string EnterPrivateMountNamespace() {
-  if (unshare(CLONE_NEWNS) != 0)
-    return std::string("unshare(CLONE_NEWNS) failed: ") + std::strerror(errno) +
-           " (a private mount namespace needs root or CAP_SYS_ADMIN)";
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    return std::string("making / private in the new mount namespace failed: ") +
-           std::strerror(errno);
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return std::string("no private mount namespace (needs root or CAP_SYS_ADMIN): ") + std::strerror(errno);
   return "";
 }
 
-// One mount on an existing directory, unmounted when the object goes.
-class ScopedMount {
- public:
-  // A tmpfs of size_bytes (rounded up to whole pages by the kernel).
-  static ScopedMount Tmpfs(const std::string& target, uint64_t size_bytes) {
-    ScopedMount m(target);
-    const std::string data = "size=" + std::to_string(size_bytes) + ",mode=0755";
-    if (mount("tmpfs", target.c_str(), "tmpfs", 0, data.c_str()) != 0)
-      m.Fail("mounting a tmpfs of " + std::to_string(size_bytes) + " bytes");
-    return m;
-  }
-  static ScopedMount Ramfs(const std::string& target) {
-    ScopedMount m(target);
-    if (mount("ramfs", target.c_str(), "ramfs", 0, "mode=0755") != 0) m.Fail("mounting a ramfs");
-    return m;
-  }
-  // Binds target onto itself and makes that bind read-only: new files and
-  // directories under target fail with EROFS, while files opened before
-  // keep working through the mount below.
-  static ScopedMount ReadOnlyBind(const std::string& target) {
-    ScopedMount m(target);
-    if (mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-      m.Fail("binding the directory onto itself");
-      return m;
-    }
-    if (mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
-      m.Fail("remounting the bind read-only");
-      umount2(target.c_str(), MNT_DETACH);
-    }
-    return m;
-  }
-
-  ScopedMount(ScopedMount&& other) noexcept
-      : target_(std::move(other.target_)), error_(std::move(other.error_)),
-        mounted_(std::exchange(other.mounted_, false)) {}
-  ScopedMount& operator=(ScopedMount&& other) noexcept {
-    if (this != &other) {
-      Unmount();
-      target_ = std::move(other.target_);
-      error_ = std::move(other.error_);
-      mounted_ = std::exchange(other.mounted_, false);
-    }
-    return *this;
-  }
-  ScopedMount(const ScopedMount&) = delete;
-  ScopedMount& operator=(const ScopedMount&) = delete;
-  ~ScopedMount() { Unmount(); }
-
-  bool ok() const { return error_.empty(); }
-  // What failed, naming the directory; empty when mounted.
-  const std::string& error() const { return error_; }
-  const std::string& target() const { return target_; }
-
-  // Unmounts now (detached when still busy: open files keep the mount alive
-  // for their holders, new lookups see what lies below). Empty on success.
-  std::string Unmount() {
-    if (!mounted_) return "";
-    mounted_ = false;
-    if (umount2(target_.c_str(), 0) == 0) return "";
-    if (errno == EBUSY && umount2(target_.c_str(), MNT_DETACH) == 0) return "";
-    return "unmounting " + target_ + " failed: " + std::strerror(errno);
-  }
-
- private:
-  explicit ScopedMount(std::string target) : target_(std::move(target)), mounted_(true) {}
-  void Fail(const std::string& what) {
-    error_ = what + " on " + target_ + " failed: " + std::strerror(errno);
-    mounted_ = false;
-  }
-
-  std::string target_;
-  std::string error_;
-  bool mounted_ = false;
-};
-
-// Mounts made one on top of another, unmounted in reverse order.
+// Mounts made one on top of another, unmounted newest first when popped or
+// when the object goes. Each call returns its error, empty on success.
 class MountStack {
  public:
   MountStack() = default;
@@ -116,68 +36,64 @@ class MountStack {
   MountStack& operator=(const MountStack&) = delete;
   ~MountStack() { Clear(); }
 
-  // Keeps mount when it succeeded; returns its error (empty when mounted).
-  std::string Push(ScopedMount mount) {
-    if (!mount.ok()) return mount.error();
-    mounts_.push_back(std::move(mount));
-    return "";
+  // A tmpfs of size_bytes (rounded up to whole pages by the kernel).
+  std::string Tmpfs(const std::string& target, uint64_t size_bytes) {
+    const std::string data = "size=" + std::to_string(size_bytes) + ",mode=0755";
+    return Pushed(target, mount("tmpfs", target.c_str(), "tmpfs", 0, data.c_str()));
   }
-  // Unmounts the newest mount; empty on success.
-  std::string Pop() {
-    if (mounts_.empty()) return "nothing is mounted";
-    const std::string error = mounts_.back().Unmount();
-    mounts_.pop_back();
+  std::string Ramfs(const std::string& target) {
+    return Pushed(target, mount("ramfs", target.c_str(), "ramfs", 0, "mode=0755"));
+  }
+  // Binds target onto itself read-only: new files and directories under it
+  // fail with EROFS, while files opened before keep working.
+  std::string ReadOnlyBind(const std::string& target) {
+    std::string error = Pushed(target, mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr));
+    if (error.empty() && mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+      error = "remounting " + target + " read-only failed: " + std::strerror(errno);
+      Pop();
+    }
     return error;
   }
+  // Unmounts the newest mount, detached when still busy (open files keep it
+  // alive for their holders; new lookups see what lies below).
+  std::string Pop() {
+    if (targets_.empty()) return "nothing is mounted";
+    const std::string target = targets_.back();
+    targets_.pop_back();
+    if (umount2(target.c_str(), 0) == 0 || (errno == EBUSY && umount2(target.c_str(), MNT_DETACH) == 0)) return "";
+    return "unmounting " + target + " failed: " + std::strerror(errno);
+  }
   void Clear() {
-    while (!mounts_.empty()) Pop();
+    while (!targets_.empty()) Pop();
   }
 
  private:
-  std::vector<ScopedMount> mounts_;
+  std::string Pushed(const std::string& target, int result) {
+    if (result != 0) return "mounting on " + target + " failed: " + std::strerror(errno);
+    targets_.push_back(target);
+    return "";
+  }
+  std::vector<std::string> targets_;
 };
 
 // Takes every free byte of the file system holding path, in a file of that
-// name that is removed when the object goes.
-class SpaceFiller {
- public:
-  explicit SpaceFiller(std::filesystem::path path) : path_(std::move(path)) {
-    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) {
-      error_ = "cannot create " + path_.string() + ": " + std::strerror(errno);
-      return;
-    }
-    std::vector<char> chunk(1 << 20, 'x');
-    size_t size = chunk.size();
-    for (;;) {
-      const ssize_t n = write(fd, chunk.data(), size);
-      if (n > 0) continue;
-      if (n < 0 && errno != ENOSPC) {
-        error_ = "writing " + path_.string() + " failed: " + std::strerror(errno);
-        break;
-      }
-      if (size == 1) break;
-      size /= 2;
-    }
-    close(fd);
-    struct statvfs st {};
-    if (error_.empty() && statvfs(path_.parent_path().c_str(), &st) == 0 && st.f_bavail != 0)
-      error_ = "the file system under " + path_.string() + " still has " +
-               std::to_string(st.f_bavail) + " free blocks";
+// name (the caller removes it to clear the fault). Empty when the file
+// system is full now, otherwise what went wrong.
+inline std::string FillUp(const std::filesystem::path& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) return "cannot create " + path.string() + ": " + std::strerror(errno);
+  std::vector<char> chunk(1 << 20, 'x');
+  std::string error;
+  for (size_t size = chunk.size(); size > 0 && error.empty();) {
+    const ssize_t n = write(fd, chunk.data(), size);
+    if (n < 0 && errno != ENOSPC) error = "writing " + path.string() + " failed: " + std::strerror(errno);
+    if (n <= 0) size /= 2;
   }
-  ~SpaceFiller() {
-    std::error_code ignored;
-    std::filesystem::remove(path_, ignored);
-  }
-  SpaceFiller(const SpaceFiller&) = delete;
-  SpaceFiller& operator=(const SpaceFiller&) = delete;
-
-  // Empty when the file system is full now, otherwise what went wrong.
-  const std::string& error() const { return error_; }
-
- private:
-  std::filesystem::path path_;
-  std::string error_;
-};
+  close(fd);
+  struct statvfs st {};
+  if (error.empty() && statvfs(path.parent_path().c_str(), &st) == 0 && st.f_bavail != 0)
+    error = "the file system under " + path.string() + " still has " + std::to_string(st.f_bavail) + " free blocks";
+  return error;
+}
 
 }  // namespace dtl_test

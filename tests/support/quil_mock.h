@@ -3,38 +3,25 @@
 // object, and reads back the journal of every request it answered.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
-extern char** environ;
+#include "support/child_process.h"  // spawn, wait and file reading
 
 class QuilMock {
  public:
   struct Options {
     // "[NTH:]METHOD PATH_REGEX STATUS [BODY]", see quil_mock.py --help.
     std::vector<std::string> faults;
-    // Passed through unchanged (e.g. "--slow", "0.5", "--not-json", "^/quil_v1/interface$").
+    // Passed through unchanged (e.g. "--not-json", "^/quil_v1/interface$").
     std::vector<std::string> extra_args;
     std::string user = "velmora", password = "velmora";
     int ipfix_port = 0;  // 0 = do not pass, hft-sim gets the mock's default
-    std::string switch_interfaces;  // empty = the mock's default list
     bool export_never_disabled = false;
   };
 
@@ -44,7 +31,6 @@ class QuilMock {
     int status = 0;
     std::string user;  // basic-auth user name sent, "" when none
   };
-
   explicit QuilMock(Options options) : options_(std::move(options)) {
     char pattern[] = "/tmp/quil_mock_XXXXXX";
     if (mkdtemp(pattern) == nullptr) return;
@@ -53,46 +39,30 @@ class QuilMock {
     if (pid_ > 0) WaitForPort();
     if (!ok()) std::fprintf(stderr, "quil-mock did not start; its output:\n%s\n", LogText().c_str());
   }
-
   QuilMock(const QuilMock&) = delete;
   QuilMock& operator=(const QuilMock&) = delete;
-
   ~QuilMock() {
     Stop();
-    if (!dir_.empty()) {
-      std::error_code ignored;
-      std::filesystem::remove_all(dir_, ignored);
-    }
+    std::error_code ignored;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
   }
 
   bool ok() const { return port_ != 0 && pid_ > 0; }
   uint16_t port() const { return port_; }
-  pid_t pid() const { return pid_; }
-  // Base URL of the API: https://127.0.0.1:PORT/quil_v1
   std::string url() const { return "https://127.0.0.1:" + std::to_string(port_) + "/quil_v1"; }
-  // The self-signed certificate the server presents (CN=localhost, SAN localhost and 127.0.0.1).
-  std::string cert_path() const { return dir_ + "/certs/cert.pem"; }
   std::string journal_path() const { return dir_ + "/journal.jsonl"; }
   // What the mock (and the hft-sim it started) wrote to stdout and stderr.
-  std::string LogText() const { return ReadFile(dir_ + "/mock.log"); }
-
+  std::string LogText() const { return dtl_test::ReadTextFile(dir_ + "/mock.log"); }
   std::vector<JournalEntry> Journal() const {
     std::vector<JournalEntry> entries;
-    std::istringstream lines(ReadFile(journal_path()));
-    std::string line;
-    while (std::getline(lines, line)) {
+    std::istringstream lines(dtl_test::ReadTextFile(journal_path()));
+    for (std::string line; std::getline(lines, line);) {
       // A line still being written is incomplete and does not parse: skipped.
       auto json = nlohmann::json::parse(line, nullptr, false);
       if (json.is_discarded() || !json.is_object()) continue;
-      JournalEntry entry;
-      entry.method = json.value("method", "");
-      entry.path = json.value("path", "");
-      entry.query = json.value("query", "");
-      entry.body = json.value("body", "");
-      entry.event = json.value("event", "");
-      entry.status = json.value("status", 0);
-      entry.user = json.value("user", "");
-      entries.push_back(std::move(entry));
+      entries.push_back({json.value("method", ""), json.value("path", ""), json.value("query", ""),
+                         json.value("body", ""), json.value("event", ""), json.value("status", 0),
+                         json.value("user", "")});
     }
     return entries;
   }
@@ -102,60 +72,38 @@ class QuilMock {
   int Stop() {
     if (pid_ <= 0) return exit_status_;
     kill(pid_, SIGTERM);
-    if (!WaitExit(std::chrono::seconds(10))) {
-      kill(-pid_, SIGKILL);
-      int status = 0;
-      waitpid(pid_, &status, 0);
-      exit_status_ = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) != pid_) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        kill(-pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return exit_status_ = -1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     pid_ = -1;
-    return exit_status_;
+    return exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
  private:
-  static std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
-  // The system interpreter itself: a wrapper script in PATH (pyenv shims)
-  // would take our SIGTERM and leave the mock running as an orphan.
-  static std::string Interpreter() {
-    return access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
-  }
-
   void Spawn() {
+    // The system interpreter itself: a wrapper script in PATH (pyenv shims)
+    // would take our SIGTERM and leave the mock running as an orphan.
     std::vector<std::string> args = {
-        Interpreter(),  std::string(DTL_SOURCE_DIR) + "/tools/quil_mock/quil_mock.py",
-        "--exit-with-parent",
-        "--port",       "0",
-        "--port-file",  dir_ + "/port",
-        "--journal",    journal_path(),
-        "--cert-dir",   dir_ + "/certs",
-        "--hft-sim",    std::string(DTL_BINARY_DIR) + "/bin/hft-sim",
-        "--user",       options_.user,
-        "--password",   options_.password};
-    if (options_.ipfix_port != 0) {
-      args.push_back("--ipfix-port");
-      args.push_back(std::to_string(options_.ipfix_port));
-    }
-    if (!options_.switch_interfaces.empty()) {
-      args.push_back("--switch-interfaces");
-      args.push_back(options_.switch_interfaces);
-    }
+        access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3",
+        std::string(DTL_SOURCE_DIR) + "/tools/quil_mock/quil_mock.py", "--exit-with-parent",
+        "--port", "0", "--port-file", dir_ + "/port", "--journal", journal_path(),
+        "--cert-dir", dir_ + "/certs", "--hft-sim", std::string(DTL_BINARY_DIR) + "/bin/hft-sim",
+        "--user", options_.user, "--password", options_.password};
+    if (options_.ipfix_port != 0) args.insert(args.end(), {"--ipfix-port", std::to_string(options_.ipfix_port)});
     if (options_.export_never_disabled) args.push_back("--export-never-disabled");
-    for (const auto& fault : options_.faults) {
-      args.push_back("--fault");
-      args.push_back(fault);
-    }
+    for (const auto& fault : options_.faults) args.insert(args.end(), {"--fault", fault});
     args.insert(args.end(), options_.extra_args.begin(), options_.extra_args.end());
-
     std::vector<char*> argv;
     for (auto& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
-
     const std::string log = dir_ + "/mock.log";
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -173,13 +121,12 @@ class QuilMock {
     posix_spawn_file_actions_destroy(&actions);
   }
 
+  // The mock writes its port to a file (whole, by renaming) once it listens.
   void WaitForPort() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-      const std::string text = ReadFile(dir_ + "/port");
-      if (!text.empty()) {
-        const int port = std::atoi(text.c_str());
-        if (port > 0 && port < 65536) port_ = static_cast<uint16_t>(port);
+    for (int i = 0; i < 500; ++i) {  // 10 s
+      const int port = std::atoi(dtl_test::ReadTextFile(dir_ + "/port").c_str());
+      if (port > 0 && port < 65536) {
+        port_ = static_cast<uint16_t>(port);
         return;
       }
       int status = 0;
@@ -190,20 +137,6 @@ class QuilMock {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   }
-
-  bool WaitExit(std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    do {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    } while (std::chrono::steady_clock::now() < deadline);
-    return false;
-  }
-
   Options options_;
   std::string dir_;
   pid_t pid_ = -1;

@@ -22,24 +22,19 @@ inline PortSockets ReadPortSockets(uint16_t port) {
   PortSockets total;
   for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
     std::ifstream in(table);
-    std::string line;
+    std::string line, slot, local, remote, state, queues, skip;
     std::getline(in, line);  // column names
     while (std::getline(in, line)) {
       std::istringstream fields(line);
-      std::string slot, local, remote, state, queues, timer, retransmit, uid, timeout, inode, ref,
-          pointer;
       uint64_t drops = 0;
-      if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retransmit >> uid >>
-            timeout >> inode >> ref >> pointer >> drops))
+      if (!(fields >> slot >> local >> remote >> state >> queues) || local.rfind(':') == std::string::npos ||
+          std::strtoul(local.c_str() + local.rfind(':') + 1, nullptr, 16) != port)
         continue;
-      const size_t colon = local.rfind(':');
-      if (colon == std::string::npos || std::strtoul(local.c_str() + colon + 1, nullptr, 16) != port)
-        continue;
+      for (int i = 0; i < 7; ++i) fields >> skip;  // timer to pointer
+      if (!(fields >> drops) || queues.find(':') == std::string::npos) continue;
       ++total.count;
       total.drops += drops;
-      const size_t queue_colon = queues.find(':');
-      if (queue_colon != std::string::npos)
-        total.rx_queue += std::strtoull(queues.c_str() + queue_colon + 1, nullptr, 16);
+      total.rx_queue += std::strtoull(queues.c_str() + queues.find(':') + 1, nullptr, 16);
     }
   }
   return total;
