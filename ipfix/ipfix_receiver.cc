@@ -33,12 +33,6 @@ IpfixRecvWorker::Stats SumStats(const std::vector<std::unique_ptr<IpfixRecvWorke
   return total;
 }
 
-void SleepTenthOfSecond() {
-  timespec request{0, 100000000};
-  timespec remaining{};
-  while (nanosleep(&request, &remaining) != 0 && errno == EINTR) request = remaining;
-}
-
 }  // namespace
 
 IpfixReceiver::IpfixReceiver(const Config& config, std::unique_ptr<IpfixSessionSink> sink)
@@ -99,7 +93,7 @@ bool IpfixReceiver::Start() {
 
   workers_.reserve(count);
   for (size_t i = 0; i < count; ++i) {
-    auto worker = std::make_unique<IpfixRecvWorker>(i, worker_config, sink_.get());
+    auto worker = std::make_unique<IpfixRecvWorker>(i, worker_config, sink_.get(), &board_);
     if (worker->OpenSocket()) {
       workers_.push_back(std::move(worker));
       continue;
@@ -130,7 +124,11 @@ bool IpfixReceiver::Start() {
 }
 
 void IpfixReceiver::Stop() {
-  if (!running_.exchange(false)) return;
+  {
+    std::lock_guard lock(stop_mutex_);
+    if (!running_.exchange(false)) return;
+  }
+  stop_cv_.notify_all();
   DTL_LOG_INFO("[IPFIX receiver] Stopping IPFIX receiver (%zu workers)", workers_.size());
 
   if (stats_thread_.joinable()) stats_thread_.join();
@@ -140,36 +138,47 @@ void IpfixReceiver::Stop() {
   for (auto& worker : workers_) worker->ShutdownSocket();
   for (auto& worker : workers_) worker->Stop();
   for (auto& worker : workers_) worker->Drain();
+  const std::vector<uint64_t> drops = KernelDrops();
   for (auto& worker : workers_) worker->CloseSocket();
 
   const IpfixRecvWorker::Stats total = SumStats(workers_);
-  DTL_LOG_INFO("[IPFIX receiver] final stats: packets_received=%lu parsed=%lu errors=%lu bytes=%lu sessions=%zu",
-               static_cast<unsigned long>(total.packets_received),
-               static_cast<unsigned long>(total.parsed), static_cast<unsigned long>(total.errors),
-               static_cast<unsigned long>(total.bytes), static_cast<size_t>(total.sessions));
+  DTL_LOG_DEBUG("[IPFIX receiver] final counters: packets_received=%lu parsed=%lu errors=%lu bytes=%lu",
+                static_cast<unsigned long>(total.packets_received), static_cast<unsigned long>(total.parsed),
+                static_cast<unsigned long>(total.errors), static_cast<unsigned long>(total.bytes));
 
   workers_.clear();
+  // Storage writes what it still holds first: the final lines count it.
   if (sink_) sink_->Stop();
+  board_.Report(drops, true);
   DTL_LOG_INFO("[IPFIX receiver] IPFIX receiver stopped");
+}
+
+std::vector<uint64_t> IpfixReceiver::KernelDrops() const {
+  std::vector<uint64_t> drops;
+  drops.reserve(workers_.size());
+  for (const auto& worker : workers_) drops.push_back(worker->KernelDrops());
+  return drops;
 }
 
 IpfixRecvWorker::Stats IpfixReceiver::GetStats() const { return SumStats(workers_); }
 
 void IpfixReceiver::StatsLoggerLoop() {
-  constexpr auto kInterval = std::chrono::seconds(10);
-  auto next = std::chrono::steady_clock::now() + kInterval;
+  const auto interval = std::chrono::seconds(config_.status_interval_sec);
+  auto next = std::chrono::steady_clock::now() + interval;
+  std::unique_lock lock(stop_mutex_);
   while (running_.load()) {
-    SleepTenthOfSecond();
-    if (std::chrono::steady_clock::now() < next) continue;
-    if (!running_.load()) return;
-    const IpfixRecvWorker::Stats total = SumStats(workers_);
-    DTL_LOG_INFO("[IPFIX receiver] stats: workers=%zu packets_received=%lu parsed=%lu errors=%lu bytes=%lu batches=%lu sessions=%zu",
-                 workers_.size(), static_cast<unsigned long>(total.packets_received),
-                 static_cast<unsigned long>(total.parsed), static_cast<unsigned long>(total.errors),
-                 static_cast<unsigned long>(total.bytes), static_cast<unsigned long>(total.batches),
-                 static_cast<size_t>(total.sessions));
-    // From the previous deadline, so the lines keep a steady 10 s rhythm.
-    next += kInterval;
+    // Without an interval the thread only waits for stop: the final report
+    // is made by Stop itself.
+    if (config_.status_interval_sec == 0) {
+      stop_cv_.wait(lock, [this] { return !running_.load(); });
+      return;
+    }
+    if (stop_cv_.wait_until(lock, next, [this] { return !running_.load(); })) return;
+    lock.unlock();
+    board_.Report(KernelDrops(), false);
+    lock.lock();
+    // From the previous deadline, so the lines keep a steady rhythm.
+    next += interval;
   }
 }
 

@@ -6,6 +6,8 @@
 #include <netinet/in.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "ipfix/ipfix_recv_worker.h"
+#include "ipfix/session_status.h"
 #include "storage/ipfix_session_sink.h"
 #include "ipfix/session_key.h"
 
@@ -31,6 +34,9 @@ class IpfixReceiver {
     uint32_t backoff_max_us = 100;
     std::string bind_device;
     uint32_t session_timeout_sec = 300;
+    // Seconds between status reports (a line per session and one for the
+    // collector); 0 reports only at stop.
+    uint32_t status_interval_sec = 10;
   };
 
   // Opens nothing and starts nothing. Without a sink nothing is stored.
@@ -64,12 +70,20 @@ class IpfixReceiver {
   static uint16_t SessionKeyPort(const SessionKey& key);
   static uint32_t SessionKeyDomainId(const SessionKey& key);
 
-  // Body of the statistics thread: logs the summed counters every 10 s.
+  // Body of the status thread: reports every status_interval_sec.
   void StatsLoggerLoop();
+  // Each worker socket's kernel drop count (sockets still open).
+  std::vector<uint64_t> KernelDrops() const;
+  // The sessions' counters, totals over the receiver's life.
+  SessionStatusBoard::Figures Totals() const { return board_.Totals(); }
 
  private:
   Config config_;
   std::unique_ptr<IpfixSessionSink> sink_;
+  SessionStatusBoard board_;
+  // Wakes the status thread at stop.
+  std::mutex stop_mutex_;
+  std::condition_variable stop_cv_;
   std::vector<std::unique_ptr<IpfixRecvWorker>> workers_;
   std::thread stats_thread_;
   std::atomic<bool> running_{false};

@@ -3,6 +3,7 @@
 #include "ipfix/ipfix_recv_worker.h"
 
 #include <errno.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <string.h>
@@ -24,6 +25,7 @@
 #include "ipfix/ipfix_session.h"
 #include "storage/ipfix_session_sink.h"
 #include "ipfix/message_parser.h"
+#include "ipfix/session_status.h"
 
 namespace dtl::ipfix {
 
@@ -50,8 +52,9 @@ int ClampToInt(uint64_t value) {
 
 }  // namespace
 
-IpfixRecvWorker::IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink)
-    : index_(index), config_(config), sink_(sink) {
+IpfixRecvWorker::IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink,
+                                 SessionStatusBoard* board)
+    : index_(index), config_(config), sink_(sink), board_(board) {
   constexpr size_t kBytes = kBatchSize * kSlotSize;
   static_assert(kBytes % 64 == 0);
   // 16 MiB per worker, left untouched: an allocation this large is fresh
@@ -155,7 +158,7 @@ bool IpfixRecvWorker::OpenSocket() {
                   static_cast<unsigned>(config_.port), strerror(error));
     return fail("bind()", error);
   }
-  DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] Bound to UDP port %u (dev='%s', dual-stack), recv_buffer=%zu",
+  DTL_LOG_DEBUG("[IPFIX recv worker] [w=%zu] Bound to UDP port %u (dev='%s', dual-stack), recv_buffer=%zu",
                index_, static_cast<unsigned>(config_.port),
                config_.bind_device.empty() ? "default" : config_.bind_device.c_str(),
                static_cast<size_t>(config_.recv_buffer_size));
@@ -165,7 +168,7 @@ bool IpfixRecvWorker::OpenSocket() {
     if (setsockopt(fd_, SOL_SOCKET, SO_BUSY_POLL, &busy_poll, sizeof(busy_poll)) != 0)
       DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] SO_BUSY_POLL: %s", index_, strerror(errno));
     else
-      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] SO_BUSY_POLL=%u µs", index_, config_.busy_poll_us);
+      DTL_LOG_DEBUG("[IPFIX recv worker] [w=%zu] SO_BUSY_POLL=%u µs", index_, config_.busy_poll_us);
     if (setsockopt(fd_, SOL_SOCKET, SO_PREFER_BUSY_POLL, &one, sizeof(one)) != 0)
       DTL_LOG_WARNING("[IPFIX recv worker] [w=%zu] SO_PREFER_BUSY_POLL: %s", index_,
                       strerror(errno));
@@ -191,7 +194,7 @@ void IpfixRecvWorker::Start() {
   thread_ = std::thread([this]() {
     try {
       ReceiveLoop();
-      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] recv thread exiting normally", index_);
+      DTL_LOG_DEBUG("[IPFIX recv worker] [w=%zu] recv thread exiting normally", index_);
     } catch (const std::exception& e) {
       DTL_LOG_ERROR("[IPFIX recv worker] [w=%zu] recv thread exception: %s", index_, e.what());
     }
@@ -242,6 +245,15 @@ IpfixRecvWorker::Stats IpfixRecvWorker::GetStats() const {
   stats.sessions = sessions_count_.load();
   stats.kernel_waits = kernel_waits_.load(std::memory_order_relaxed);
   return stats;
+}
+
+uint64_t IpfixRecvWorker::KernelDrops() const {
+  if (fd_ < 0) return 0;
+  uint32_t memory[SK_MEMINFO_VARS] = {};
+  socklen_t length = sizeof(memory);
+  if (getsockopt(fd_, SOL_SOCKET, SO_MEMINFO, memory, &length) != 0 || length <= SK_MEMINFO_DROPS * sizeof(uint32_t))
+    return 0;
+  return memory[SK_MEMINFO_DROPS];
 }
 
 void IpfixRecvWorker::SleepMicros(uint32_t micros) const {
@@ -350,6 +362,9 @@ void IpfixRecvWorker::ProcessMessage(const uint8_t* data, size_t len, const sock
     return;
   }
   session->set_last_seen_ns(now_ns);
+  SessionAccount& account = session->account_ref();
+  SessionAccount::Add(account.datagrams, 1);
+  SessionAccount::Add(account.bytes, len);
   session->BeginMessage(header.sequence_number);
 
   // Only the header's message length counts; trailing datagram bytes are ignored.
@@ -395,8 +410,7 @@ IpfixSession* IpfixRecvWorker::FindOrCreateSession(const SessionKey& key, uint64
   for (auto it = sessions_.begin(); it != sessions_.end();) {
     const uint64_t last = it->second->last_seen_ns();
     if (now_ns > last && now_ns - last > timeout_ns) {
-      DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] reaping stale session %s (inactive %llu sec)", index_,
-                   it->second->display_name().c_str(),
+      DTL_LOG_INFO("[IPFIX recv worker] Session %s ended: no datagram for %llu s", it->second->display_name().c_str(),
                    static_cast<unsigned long long>((now_ns - last) / 1000000000ull));
       if (sink_ != nullptr) sink_->RemoveSession(index_, it->second->key());
       it = sessions_.erase(it);
@@ -412,12 +426,11 @@ IpfixSession* IpfixRecvWorker::FindOrCreateSession(const SessionKey& key, uint64
   IpfixSession* created = session.get();
   sessions_.emplace(key, std::move(session));
   sessions_count_.store(sessions_.size());
+  if (board_ != nullptr) board_->Add(created->account());
   last_key_ = key;
   last_session_ = created;
-  DTL_LOG_INFO("[IPFIX recv worker] [w=%zu] created session for %s:%u domain %u (worker sessions: %zu)",
-               index_, IpfixReceiver::SessionKeyIpString(key).c_str(),
-               static_cast<unsigned>(IpfixReceiver::SessionKeyPort(key)),
-               IpfixReceiver::SessionKeyDomainId(key), sessions_.size());
+  DTL_LOG_INFO("[IPFIX recv worker] New exporter session %s (receive worker %zu, %zu session(s) there)",
+               created->display_name().c_str(), index_, sessions_.size());
   return created;
 }
 

@@ -25,6 +25,7 @@ namespace dtl::ipfix {
 
 class IpfixSession;
 class IpfixSessionSink;
+class SessionStatusBoard;
 
 class IpfixRecvWorker {
  public:
@@ -60,8 +61,10 @@ class IpfixRecvWorker {
   // the kernel until one arrives, stop is asked or the sink wants a tick.
   static constexpr uint64_t kQuietBeforeWaitNs = 100'000'000;
 
-  // sink may be null: sessions then decode without storing anything.
-  IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink);
+  // sink may be null: sessions then decode without storing anything. board,
+  // when given, gets every new session's account for the status report.
+  IpfixRecvWorker(size_t index, const Config& config, IpfixSessionSink* sink,
+                  SessionStatusBoard* board = nullptr);
   ~IpfixRecvWorker();
 
   IpfixRecvWorker(const IpfixRecvWorker&) = delete;
@@ -90,6 +93,9 @@ class IpfixRecvWorker {
   void Drain();
   void CloseSocket();
   Stats GetStats() const;
+  // Datagrams the kernel dropped for this socket (its receive buffer was
+  // full); 0 when closed. Safe from any thread while the socket is open.
+  uint64_t KernelDrops() const;
 
   // Body of the receive thread.
   void ReceiveLoop();
@@ -140,6 +146,7 @@ class IpfixRecvWorker {
   size_t index_;
   Config config_;
   IpfixSessionSink* sink_;
+  SessionStatusBoard* board_;
   int fd_ = -1;
   int stop_fd_ = -1;  // eventfd written by Stop
   std::string socket_error_;

@@ -33,17 +33,22 @@ std::string SessionDisplayName(const std::string& key) {
   uint32_t domain;
   std::memcpy(&port_be, bytes, sizeof(port_be));
   std::memcpy(&domain, bytes + 2, sizeof(domain));
-  return std::string(address) + ":" + std::to_string(ntohs(port_be)) + "/domain_" +
-         std::to_string(domain);
+  // An IPv6 address goes in brackets, so that its port reads as a port.
+  const std::string host = ip_len == 4 ? std::string(address) : "[" + std::string(address) + "]";
+  return host + ":" + std::to_string(ntohs(port_be)) + "/domain_" + std::to_string(domain);
 }
 
 IpfixSession::IpfixSession(const std::string& key, size_t worker_id, IpfixSessionSink* sink)
-    : key_(key), display_name_(SessionDisplayName(key)), worker_id_(worker_id), sink_(sink) {
+    : key_(key),
+      display_name_(SessionDisplayName(key)),
+      worker_id_(worker_id),
+      sink_(sink),
+      ledger_(std::make_shared<SessionAccount>(worker_id, display_name_)) {
   // Sized once so that reading records never allocates.
   record_fields_.reserve(64);
 }
 
-IpfixSession::~IpfixSession() = default;
+IpfixSession::~IpfixSession() { Close(); }
 
 void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates) {
   if (templates.empty()) {
@@ -62,7 +67,7 @@ void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates)
       if (slot.present && SameFields(slot.tmpl, tmpl)) continue;
       slot.tmpl = tmpl;
       slot.present = true;
-      DTL_LOG_INFO("[IPFIX session] Session %s: cached metadata template ID %u with %zu fields",
+      DTL_LOG_DEBUG("[IPFIX session] Session %s: cached metadata template ID %u with %zu fields",
                    display_name_.c_str(), static_cast<unsigned>(id), tmpl.fields.size());
     } else if (id >= kFirstCounterTemplateId && id < kFirstCounterTemplateId + kCounterTemplateSlots) {
       auto& slot = counter_templates_[id - kFirstCounterTemplateId];
@@ -72,15 +77,15 @@ void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates)
         if (!slot.present) continue;
         slot.present = false;
         plan_valid_[id - kFirstCounterTemplateId] = false;
-        DTL_LOG_INFO("[IPFIX session] Session %s: counter template ID %u withdrawn", display_name_.c_str(),
-                     static_cast<unsigned>(id));
+        DTL_LOG_INFO("[IPFIX session] Session %s: the exporter withdrew counter template %u; its counters "
+                     "leave the stored samples", display_name_.c_str(), static_cast<unsigned>(id));
         counter_changed = true;
         continue;
       }
       if (slot.present && SameFields(slot.tmpl, tmpl)) continue;
       slot.tmpl = tmpl;
       slot.present = true;
-      DTL_LOG_INFO("[IPFIX session] Session %s: cached counter template ID %u with %zu fields",
+      DTL_LOG_DEBUG("[IPFIX session] Session %s: cached counter template ID %u with %zu fields",
                    display_name_.c_str(), static_cast<unsigned>(id), tmpl.fields.size());
       BuildExtractionPlan(id, tmpl);
       counter_changed = true;
@@ -95,8 +100,8 @@ void IpfixSession::UpdateTemplates(const std::vector<ParsedTemplate>& templates)
   if (counter_changed) {
     schema_dirty_ = true;
     UpdateCachedFragmentCount();
-    DropPendingSample();
-    parked_.active = false;
+    DiscardPending(DiscardCause::kTemplate);
+    DiscardParked(DiscardCause::kTemplate);
     NotifySchemaChange();
   }
 }

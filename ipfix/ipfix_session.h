@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -15,8 +16,10 @@
 
 #include "storage/ipfix_session_sink.h"
 #include "ipfix/message_parser.h"
-#include "storage/schema_snapshot.h"
+#include "ipfix/sample_ledger.h"
 #include "ipfix/sequence_tracker.h"
+#include "storage/schema_snapshot.h"
+#include "storage/session_account.h"
 
 namespace dtl::ipfix {
 
@@ -50,7 +53,7 @@ struct ExtractionPlan {
 };
 
 // "address:port/domain_N" for a session key string (the key's significant
-// bytes): how sessions are named in log lines.
+// bytes), an IPv6 address in brackets: how sessions are named in log lines.
 std::string SessionDisplayName(const std::string& key);
 
 class IpfixSession {
@@ -75,8 +78,15 @@ class IpfixSession {
 
   // key: the session key's significant bytes; sink may be null.
   IpfixSession(const std::string& key, size_t worker_id, IpfixSessionSink* sink);
-  // Releases everything; the sink is not told.
+  // Closes the session and releases everything; the sink is not told.
   ~IpfixSession();
+  // The session ends: a sample still being assembled is discarded (counted)
+  // and the account marked closed. Once; later calls do nothing.
+  void Close();
+  // What became of the session's traffic and samples (shared with storage
+  // and the status report).
+  const std::shared_ptr<SessionAccount>& account() const { return ledger_.shared_account(); }
+  SessionAccount& account_ref() { return ledger_.account(); }
 
   IpfixSession(const IpfixSession&) = delete;
   IpfixSession& operator=(const IpfixSession&) = delete;
@@ -200,6 +210,12 @@ class IpfixSession {
   RecordNumber NumberRecord();
   void NumberDescriptiveRecords(const ParsedTemplate& tmpl, const uint8_t* body, size_t len);
   void DropPendingSample();
+  // Drop the sample being assembled, or the one set aside, counting it.
+  void DiscardPending(DiscardCause cause);
+  void DiscardParked(DiscardCause cause);
+  // The time in a sample's first record; false when the record is cut
+  // before the time its template announces.
+  bool ReadSampleTime(const uint8_t* record, size_t len, uint32_t* seconds, uint32_t* nanoseconds) const;
   bool HasActiveSink() const;
 
   std::vector<RecordField> record_fields_;
@@ -207,6 +223,8 @@ class IpfixSession {
   std::string display_name_;
   size_t worker_id_ = 0;
   IpfixSessionSink* sink_ = nullptr;
+  SampleLedger ledger_;
+  bool closed_ = false;
   std::array<TemplateSlot<ParsedTemplate>, kCounterTemplateSlots> counter_templates_;
   std::array<TemplateSlot<ParsedTemplate>, kMetaTemplateSlots> meta_templates_;
 

@@ -68,8 +68,10 @@ void IpfixSession::ProcessSwitchNameRecord(const ParsedTemplate& tmpl, const uin
           std::memcmp(field.data, switch_name_.data(), field.length) == 0)
         continue;
       switch_name_ = FieldText(field);
+      ledger_.set_name(switch_name_ + " (" + display_name_ + ")");
+      ledger_.account().set_switch_name(switch_name_);
       changed = true;
-      DTL_LOG_INFO("[IPFIX session] Session %s: switch name = '%s'", display_name_.c_str(),
+      DTL_LOG_DEBUG("[IPFIX session] Session %s: switch name = '%s'", display_name_.c_str(),
                    switch_name_.c_str());
     }
   }
@@ -102,10 +104,9 @@ void IpfixSession::ProcessCounterNameRecords(const ParsedTemplate& tmpl, const u
     std::string text = FieldText(*name);
     auto it = counter_names_.find(element);
     if (it != counter_names_.end() && it->second == text) continue;
-    // A counter's first name is news; a renaming shows in the schema line.
-    DTL_LOG(it == counter_names_.end() ? DTL_LOG_LEVEL_INFO : DTL_LOG_LEVEL_DEBUG,
-            "[IPFIX session] Session %s: counter name IE %u = '%s' (revision %u)",
-            display_name_.c_str(), static_cast<unsigned>(element), text.c_str(), revision);
+    // One line per counter is detail: the session's start line sums them up.
+    DTL_LOG_DEBUG("[IPFIX session] Session %s: counter name IE %u = '%s' (revision %u)",
+                  display_name_.c_str(), static_cast<unsigned>(element), text.c_str(), revision);
     counter_names_[element] = std::move(text);
     changed = true;
   }
@@ -279,10 +280,7 @@ void IpfixSession::NotifySchemaChange() {
   }
   if (!schema_dirty_) return;
   if (!IsComplete()) {
-    // Said once at info level until the session is complete: an announcement
-    // spread over many datagrams would say it for each of them.
-    DTL_LOG(incomplete_reported_ ? DTL_LOG_LEVEL_DEBUG : DTL_LOG_LEVEL_INFO,
-            "[IPFIX session] NotifySchemaChange: session=%s NOT complete (switch='%s' names=%zu "
+    DTL_LOG_DEBUG("[IPFIX session] NotifySchemaChange: session=%s NOT complete (switch='%s' names=%zu "
             "meta_complete=%d expected_fields=%zu mappings=%zu definitions=%zu)",
             display_name_.c_str(), switch_name_.c_str(), counter_names_.size(),
             metadata_complete_ ? 1 : 0, static_cast<size_t>(expected_fields_),
@@ -292,12 +290,12 @@ void IpfixSession::NotifySchemaChange() {
   }
   incomplete_reported_ = false;
   const SchemaSnapshot snapshot = GetSchemaSnapshot();
-  DTL_LOG_INFO(
+  DTL_LOG_DEBUG(
       "[IPFIX session] NotifySchemaChange: session=%s COMPLETE -> ProcessSchemaUpdate (flat_fields=%zu "
       "switch='%s')",
       display_name_.c_str(), snapshot.flat_fields.size(), switch_name_.c_str());
-  DropPendingSample();
-  parked_.active = false;
+  DiscardPending(DiscardCause::kTemplate);
+  DiscardParked(DiscardCause::kTemplate);
   sink_->ProcessSchemaUpdate(worker_id_, key_, snapshot);
   schema_dirty_ = false;
 }
@@ -307,6 +305,7 @@ SchemaSnapshot IpfixSession::GetSchemaSnapshot() const {
   snapshot.reserved = 0;
   snapshot.switch_name = switch_name_;
   snapshot.display_name = display_name_;
+  snapshot.account = ledger_.shared_account();
   if (key_.size() >= 2) {
     uint16_t port_be;
     std::memcpy(&port_be, key_.data(), sizeof(port_be));

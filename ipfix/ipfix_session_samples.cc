@@ -235,7 +235,18 @@ void IpfixSession::ProcessCounterSet(size_t slot, const uint8_t* body, size_t le
     // What is left after whole records is the set's padding.
     if (record_length == 0) break;
     const RecordNumber number = NumberRecord();
-    if (store) AcceptFragment(slot, body + offset, record_length, number);
+    if (store) {
+      AcceptFragment(slot, body + offset, record_length, number);
+    } else if (slot == 0 && plan_valid_[0] && HasActiveSink()) {
+      // A sample before the exporter's names and metadata are all known has
+      // nowhere to go; it is counted, not silently lost.
+      uint32_t seconds = 0;
+      uint32_t nanoseconds = 0;
+      if (ReadSampleTime(body + offset, record_length, &seconds, &nanoseconds)) {
+        ledger_.Opened(seconds, nanoseconds);
+        ledger_.Discarded(DiscardCause::kTemplate, seconds, nanoseconds);
+      }
+    }
     if (number) {
       last_number_[slot] = *number;
       numbered_slots_ |= 1u << slot;
@@ -271,7 +282,7 @@ void IpfixSession::AcceptFragment(size_t slot, const uint8_t* record, size_t len
     DTL_LOG_DEBUG("[IPFIX session] Session %s: template %u again before the sample was complete, "
                   "discarding the sample",
                   display_name_.c_str(), static_cast<unsigned>(kFirstCounterTemplateId + slot));
-    DropPendingSample();
+    DiscardPending(DiscardCause::kFragmentLost);
   }
   // With numbers that can place it, a fragment waits for its sample.
   if (sequence_.informative()) Stash(slot, record, len, number);
@@ -282,11 +293,11 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, RecordNumber nu
   // one steps aside until the older one is complete or given up, so that
   // blocks stay in time order and neither is lost to the reordering.
   // An older sample that waited beside the pending one had its chance.
-  if (parked_.active && parked_.older) parked_.active = false;
+  if (parked_.older) DiscardParked(DiscardCause::kFragmentLost);
   // A late older sample in the block had its chance: the newer one set
   // aside comes back, and is judged below like any pending sample.
   if (sample_pending_ && parked_.active) {
-    DropPendingSample();
+    DiscardPending(DiscardCause::kFragmentLost);
     Unpark();
   }
   const bool checkable = sample_pending_ && span_checked_ && span_known_ && number;
@@ -304,31 +315,20 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, RecordNumber nu
                   display_name_.c_str(), __builtin_popcount(received_slots_),
                   __builtin_popcount(expected_slots_));
     // The sink is not told: its next slot request hands out the same block.
-    DropPendingSample();
+    DiscardPending(DiscardCause::kFragmentLost);
   }
-  const ExtractionPlan& plan = plans_[0];
-  // A template without time fields gives time 0; a record cut before the
-  // time its template announces opens nothing (it would read as time 0).
-  constexpr uint32_t kUnread = UINT32_MAX;
-  uint32_t seconds = kUnread;
+  uint32_t seconds = 0;
   uint32_t nanoseconds = 0;
-  if (plan.has_variable_length) {
-    ExtractFieldByField(0, record, len, nullptr, 0, &seconds, &nanoseconds);
-  } else if (plan.has_seconds && len >= plan.seconds_offset + 4u) {
-    seconds = LoadBe32(record + plan.seconds_offset);
-    if (plan.has_nanoseconds && len >= plan.nanoseconds_offset + 4u)
-      nanoseconds = LoadBe32(record + plan.nanoseconds_offset);
-  }
-  const bool timed = !plan.has_seconds || seconds != kUnread;
-  if (!plan.has_seconds) seconds = 0;
-  if (!timed) {
+  if (!ReadSampleTime(record, len, &seconds, &nanoseconds)) {
     DTL_LOG_DEBUG("[IPFIX session] Session %s: first record of a sample without its time, discarding it",
                   display_name_.c_str());
     return false;
   }
 
+  ledger_.Opened(seconds, nanoseconds);
   uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, seconds, nanoseconds, total_value_bytes_);
   if (values == nullptr) {
+    ledger_.Discarded(DiscardCause::kNoSlot, seconds, nanoseconds);
     Unpark();
     return false;
   }
@@ -351,6 +351,25 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, RecordNumber nu
     ClearStash();
   }
   return sample_pending_;
+}
+
+bool IpfixSession::ReadSampleTime(const uint8_t* record, size_t len, uint32_t* seconds,
+                                  uint32_t* nanoseconds) const {
+  const ExtractionPlan& plan = plans_[0];
+  // A template without time fields gives time 0; a record cut before the
+  // time its template announces has none (it would read as time 0).
+  constexpr uint32_t kUnread = UINT32_MAX;
+  *seconds = kUnread;
+  *nanoseconds = 0;
+  if (plan.has_variable_length) {
+    ExtractFieldByField(0, record, len, nullptr, 0, seconds, nanoseconds);
+  } else if (plan.has_seconds && len >= plan.seconds_offset + 4u) {
+    *seconds = LoadBe32(record + plan.seconds_offset);
+    if (plan.has_nanoseconds && len >= plan.nanoseconds_offset + 4u)
+      *nanoseconds = LoadBe32(record + plan.nanoseconds_offset);
+  }
+  if (!plan.has_seconds) *seconds = 0;
+  return !plan.has_seconds || *seconds != kUnread;
 }
 
 void IpfixSession::ClearStash() { stashed_slots_ = 0; }
@@ -460,7 +479,7 @@ void IpfixSession::CompleteIfWhole() {
   if (span_checked_ && !span_known_) {
     DTL_LOG_DEBUG("[IPFIX session] Session %s: a fragment of the sample could not be numbered, discarding it",
                   display_name_.c_str());
-    DropPendingSample();
+    DiscardPending(DiscardCause::kFragmentLost);
     return;
   }
   Commit();
@@ -468,11 +487,12 @@ void IpfixSession::CompleteIfWhole() {
 
 void IpfixSession::Commit() {
   // Blocks go out in time order: an older sample still waiting is given up.
-  if (parked_.active && parked_.older) parked_.active = false;
+  if (parked_.older) DiscardParked(DiscardCause::kFragmentLost);
   sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
+  ledger_.Committed();
   ++records_written_;
   if (records_written_ % records_written_log_interval_ == 1) {
-    DTL_LOG_INFO("[IPFIX session] ProcessCounterDataRecords: session=%s records_written=%llu",
+    DTL_LOG_DEBUG("[IPFIX session] ProcessCounterDataRecords: session=%s records_written=%llu",
                  display_name_.c_str(), static_cast<unsigned long long>(records_written_));
   }
   DropPendingSample();
@@ -523,25 +543,30 @@ bool IpfixSession::OfferToParked(size_t slot, const uint8_t* record, size_t len,
 }
 
 void IpfixSession::CommitParkedFirst() {
-  parked_.active = false;
-  if (parked_.values.size() != total_value_bytes_) return;
+  if (parked_.values.size() != total_value_bytes_) {
+    DiscardParked(DiscardCause::kTemplate);
+    return;
+  }
   if (sample_pending_) scratch_.assign(pending_slot_, pending_slot_ + total_value_bytes_);
   // The sink hands out the block not yet committed again, now for the
   // older sample's time.
   uint8_t* block = sink_->AcquireRecordValueSlot(worker_id_, key_, parked_.seconds, parked_.nanoseconds,
                                                  total_value_bytes_);
   if (block == nullptr) {
-    DropPendingSample();
+    DiscardParked(DiscardCause::kNoSlot);
+    DiscardPending(DiscardCause::kNoSlot);
     return;
   }
+  parked_.active = false;
   std::memcpy(block, parked_.values.data(), total_value_bytes_);
   sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
+  ledger_.Committed();
   ++records_written_;
   if (!sample_pending_) return;
   uint8_t* again =
       sink_->AcquireRecordValueSlot(worker_id_, key_, pending_seconds_, pending_nanoseconds_, total_value_bytes_);
   if (again == nullptr) {
-    DropPendingSample();
+    DiscardPending(DiscardCause::kNoSlot);
     return;
   }
   std::memcpy(again, scratch_.data(), total_value_bytes_);
@@ -550,11 +575,17 @@ void IpfixSession::CommitParkedFirst() {
 
 void IpfixSession::Unpark() {
   if (!parked_.active || parked_.older) return;
-  parked_.active = false;
-  if (sample_pending_ || parked_.values.size() != total_value_bytes_) return;
+  if (sample_pending_ || parked_.values.size() != total_value_bytes_) {
+    DiscardParked(sample_pending_ ? DiscardCause::kFragmentLost : DiscardCause::kTemplate);
+    return;
+  }
   uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, parked_.seconds, parked_.nanoseconds,
                                                   total_value_bytes_);
-  if (values == nullptr) return;
+  if (values == nullptr) {
+    DiscardParked(DiscardCause::kNoSlot);
+    return;
+  }
+  parked_.active = false;
   std::memcpy(values, parked_.values.data(), parked_.values.size());
   pending_slot_ = values;
   pending_seconds_ = parked_.seconds;
@@ -570,6 +601,26 @@ void IpfixSession::Unpark() {
   // Its fragments that came meanwhile wait in the stash.
   AbsorbStash();
   CompleteIfWhole();
+}
+
+void IpfixSession::DiscardPending(DiscardCause cause) {
+  if (sample_pending_) ledger_.Discarded(cause, pending_seconds_, pending_nanoseconds_);
+  DropPendingSample();
+}
+
+void IpfixSession::DiscardParked(DiscardCause cause) {
+  if (!parked_.active) return;
+  parked_.active = false;
+  ledger_.Discarded(cause, parked_.seconds, parked_.nanoseconds);
+}
+
+void IpfixSession::Close() {
+  if (closed_) return;
+  closed_ = true;
+  // What is still being assembled when the session ends will not complete.
+  DiscardPending(DiscardCause::kFragmentLost);
+  DiscardParked(DiscardCause::kFragmentLost);
+  ledger_.account().closed.store(true, std::memory_order_relaxed);
 }
 
 void IpfixSession::DropPendingSample() {

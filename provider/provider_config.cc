@@ -44,6 +44,7 @@ const std::vector<std::string>& FixedKeys() {
         "ipfix-receiver-backoff-max-us",
         "ipfix-receiver-bind-device",
         "ipfix-receiver-session-timeout-sec",
+        "ipfix-status-interval-sec",
         "ipfix-data-path",
         "ad-hoc-data-root",
         "ipfix-disk-counters-template",
@@ -222,6 +223,7 @@ CollectorConfig ReadCollectorConfig(const dtl_custom_options* options) {
   config.backoff_max_us = ReadU32(options, "ipfix-receiver-backoff-max-us", 100);
   config.bind_device = ReadText(options, "ipfix-receiver-bind-device", "");
   config.session_timeout_sec = ReadU32(options, "ipfix-receiver-session-timeout-sec", 300);
+  config.status_interval_sec = ReadU32(options, "ipfix-status-interval-sec", 10);
 
   DiskWriterConfig& disk = config.disk;
   disk.root = ReadText(options, "ipfix-data-path", "");

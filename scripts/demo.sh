@@ -57,9 +57,9 @@ for e in requests:
     print(f"   {e['method']:5} {e['path']}{'?' + e['query'] if e['query'] else ''} -> {e['status']}")
 print("switch export: " + (", ".join(events) if events else "never started"))
 log = open(sys.argv[2]).read()
-final = re.findall(r"final stats: (.*)", log)
-print("collector: " + (final[-1] if final else "no final statistics line"))
-for line in re.findall(r"created session for .*", log):
+for line in re.findall(r"\] Switch .*: storing .*", log):
+    print("collector: " + line.split("] ", 1)[1])
+for line in re.findall(r"\[IPFIX status\] Final status: (.*)", log):
     print("   " + line)
 PY
 

@@ -58,14 +58,14 @@ bool IoUringWriter::Start() {
   running_.store(true);
   writer_alive_.store(true);
   writer_thread_ = std::thread([this] { ThreadBody(); });
-  DTL_LOG_INFO("[iouring_writer] Started (sq_depth %u, ring_size %zu, iosqe_async=%d)", kSqDepth,
+  DTL_LOG_DEBUG("[iouring_writer] Started (sq_depth %u, ring_size %zu, iosqe_async=%d)", kSqDepth,
                kRingSize, iosqe_async ? 1 : 0);
   return true;
 }
 
 void IoUringWriter::ThreadBody() {
   dtl_set_thread_name("ipfix_io_wrt");
-  DTL_LOG_INFO("[iouring_writer] Writer thread started (tid=%zu)",
+  DTL_LOG_DEBUG("[iouring_writer] Writer thread started (tid=%zu)",
                std::hash<std::thread::id>{}(std::this_thread::get_id()));
   bool failed = false;
   try {
@@ -90,7 +90,7 @@ void IoUringWriter::ThreadBody() {
       }
     }
   }
-  DTL_LOG_INFO("[iouring_writer] Writer thread exiting: in_flight=%zu ring_count=%zu running=%d",
+  DTL_LOG_DEBUG("[iouring_writer] Writer thread exiting: in_flight=%zu ring_count=%zu running=%d",
                static_cast<size_t>(in_flight_.load()), static_cast<size_t>(RingCount()),
                running_.load() ? 1 : 0);
   writer_alive_.store(false, std::memory_order_release);
@@ -158,11 +158,11 @@ void IoUringWriter::Stop() {
     // Only the remains of a writer thread that died are left to release.
     if (writer_thread_.joinable() || ring_ready_) {
       Teardown();
-      DTL_LOG_INFO("[iouring_writer] Stopped");
+      DTL_LOG_DEBUG("[iouring_writer] Stopped");
     }
     return;
   }
-  DTL_LOG_INFO("[iouring_writer] Stop: signalling writer thread to exit (in_flight=%zu ring_count=%zu)",
+  DTL_LOG_DEBUG("[iouring_writer] Stop: signalling writer thread to exit (in_flight=%zu ring_count=%zu)",
                static_cast<size_t>(in_flight_.load()), static_cast<size_t>(RingCount()));
   {
     std::lock_guard<std::mutex> wake(wake_mutex_);
@@ -170,7 +170,7 @@ void IoUringWriter::Stop() {
   }
   wake_cv_.notify_all();
   Teardown();
-  DTL_LOG_INFO("[iouring_writer] Stopped");
+  DTL_LOG_DEBUG("[iouring_writer] Stopped");
 }
 
 void IoUringWriter::Teardown() {
@@ -359,7 +359,7 @@ void IoUringWriter::Drain() {
 }
 
 void IoUringWriter::WriterLoop() {
-  DTL_LOG_INFO("[iouring_writer] WriterLoop: entered running=%d", running_.load() ? 1 : 0);
+  DTL_LOG_DEBUG("[iouring_writer] WriterLoop: entered running=%d", running_.load() ? 1 : 0);
   unsigned long long iter = 1;
   for (;; ++iter) {
     if (!running_.load() && RingCount() == 0 && in_flight_.load() == 0) break;
@@ -413,7 +413,7 @@ void IoUringWriter::WriterLoop() {
                   running_.load() ? 0 : 1, static_cast<size_t>(Pending()),
                   static_cast<size_t>(RingCount()), static_cast<size_t>(in_flight_.load()));
   }
-  DTL_LOG_INFO("[iouring_writer] WriterLoop: loop exited normally iters=%llu running=%d in_flight=%zu ring_count=%zu",
+  DTL_LOG_DEBUG("[iouring_writer] WriterLoop: loop exited normally iters=%llu running=%d in_flight=%zu ring_count=%zu",
                iter, running_.load() ? 1 : 0, static_cast<size_t>(in_flight_.load()),
                static_cast<size_t>(RingCount()));
 }

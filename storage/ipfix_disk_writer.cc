@@ -177,15 +177,15 @@ bool IpfixDiskWriter::Start() {
     }
   }
   if (registered) {
-    DTL_LOG_INFO("[IPFIX disk writer] Registered iovec pool: %zu slots (max_sessions=%zu)",
+    DTL_LOG_DEBUG("[IPFIX disk writer] Registered iovec pool: %zu slots (max_sessions=%zu)",
                  static_cast<size_t>(slots), static_cast<size_t>(config_.max_sessions));
   } else {
     DTL_LOG_ERROR("[IPFIX disk writer] Failed to register iovec pool (%zu slots) with io_uring",
                   static_cast<size_t>(slots));
   }
 
-  DTL_LOG_INFO("[IPFIX disk writer] Starting, data_root=%s counters_template='%s'",
-               config_.root.c_str(), config_.counters_template.c_str());
+  DTL_LOG_INFO("[IPFIX disk writer] Storing under %s (data file paths: %s)", config_.root.c_str(),
+               config_.counters_template.empty() ? "the default template" : config_.counters_template.c_str());
   retention_.Start(config_);
   return true;
 }
@@ -197,7 +197,7 @@ void IpfixDiskWriter::Stop() {
 
   size_t sessions = 0;
   for (const Shard& shard : shards_) sessions += shard.size();
-  DTL_LOG_INFO("[IPFIX disk writer] Stop: flushing %zu sessions across %zu shards", sessions,
+  DTL_LOG_DEBUG("[IPFIX disk writer] Stop: flushing %zu sessions across %zu shards", sessions,
                shards_.size());
   for (Shard& shard : shards_)
     for (auto& entry : shard) FlushAll(*entry.second);
@@ -211,7 +211,7 @@ void IpfixDiskWriter::Stop() {
     pool_slots_ = 0;
     iovec_pool_.clear();
   }
-  DTL_LOG_INFO("[IPFIX disk writer] Stopped");
+  DTL_LOG_DEBUG("[IPFIX disk writer] Stopped");
 }
 
 size_t IpfixDiskWriter::session_count() const {
@@ -239,7 +239,7 @@ void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
   auto it = shard.find(key);
   if (it == shard.end()) return;
   DomainState& s = *it->second;
-  DTL_LOG_INFO("[IPFIX disk writer] RemoveSession: worker=%zu session=%s", worker_id,
+  DTL_LOG_DEBUG("[IPFIX disk writer] RemoveSession: worker=%zu session=%s", worker_id,
                s.schema.display_name.c_str());
   FlushAll(s);
   WaitForInFlight(s);
@@ -250,7 +250,7 @@ void IpfixDiskWriter::RemoveSession(size_t worker_id, const std::string& key) {
   // The file closed here is found by retention's next start-up scan.
   last_lookup_[worker_id] = LastLookup{};
   shard.erase(it);
-  DTL_LOG_INFO("[IPFIX disk writer] Removed session %s", src.c_str());
+  DTL_LOG_DEBUG("[IPFIX disk writer] Removed session %s", src.c_str());
 }
 
 void IpfixDiskWriter::AllocateBuffers(DomainState& s) {
@@ -259,7 +259,7 @@ void IpfixDiskWriter::AllocateBuffers(DomainState& s) {
   // Without an aligned header page the data pages start at unaligned
   // offsets, which direct I/O cannot write: such files are buffered.
   if (s.data_file) s.data_file->direct_io_blocked = !sizing.header_aligned;
-  DTL_LOG_INFO(
+  DTL_LOG_DEBUG(
       "[IPFIX disk writer] AllocateBuffers: src=%s block_size=%u min_batch=%u bytes_target=%u "
       "target=%u batch_capacity=%u buffer_size=%zu",
       s.src.c_str(), s.block_size, sizing.min_batch, sizing.bytes_target, sizing.target,

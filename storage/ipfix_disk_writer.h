@@ -84,6 +84,8 @@ class IpfixDiskWriter final : public IpfixSessionSink {
     DomainState& operator=(const DomainState&) = delete;
 
     SchemaSnapshot schema;  // last applied snapshot
+    std::shared_ptr<SessionAccount> account;  // the session's counters, if kept
+    bool announce = false;  // a new schema: say what is stored once its file exists
     std::string src;        // switch name or "unknown"
     std::unique_ptr<AsyncDataFile> data_file;
     uint32_t block_size = 0;
@@ -246,6 +248,9 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   // exactly the published text; writes them again when they are missing or
   // differ (a data root removed, a file cut short by a full disk).
   void EnsurePublished(DomainState& state);
+  // The one line a new or changed session schema gets: switch, exporter,
+  // counters, interfaces, schema identifier and data file.
+  void AnnounceSchema(DomainState& state);
   std::string SchemaDir() const { return config_.root + "/schema"; }
   std::string MetadataDir() const { return config_.root + "/metadata"; }
 

@@ -88,7 +88,8 @@ void SpinUntilClear(std::atomic<bool>& flag, const char* what, unsigned index, c
                     bool loud) {
   if (!flag.load()) return;
   if (loud)
-    DTL_LOG_WARNING("[IPFIX disk writer] FlushPage: spinning on %s enter src=%s", what, src.c_str());
+    DTL_LOG_WARNING("[IPFIX disk writer] Session %s: the disk is slow, waiting for the previous write "
+                    "(%s) before the next one", src.c_str(), what);
   else
     DTL_LOG_DEBUG("[IPFIX disk writer] FlushPage: spinning on %s[%u] enter src=%s", what, index,
                   src.c_str());
@@ -99,8 +100,8 @@ void SpinUntilClear(std::atomic<bool>& flag, const char* what, unsigned index, c
     ++iters;
   }
   if (loud)
-    DTL_LOG_WARNING("[IPFIX disk writer] FlushPage: %s cleared iters=%llu elapsed_us=%lld src=%s", what,
-                    iters, ElapsedUs(since), src.c_str());
+    DTL_LOG_WARNING("[IPFIX disk writer] Session %s: the previous write (%s) finished after %lld us", src.c_str(),
+                    what, ElapsedUs(since));
   else
     DTL_LOG_DEBUG("[IPFIX disk writer] FlushPage: %s[%u] cleared iters=%llu elapsed_us=%lld src=%s", what,
                   index, iters, ElapsedUs(since), src.c_str());
@@ -154,7 +155,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
   if (state == nullptr) {
     auto [n, log] = g_acquire_no_state.Next();
     if (log)
-      DTL_LOG_WARNING(
+      DTL_LOG_DEBUG(
           "[IPFIX disk writer] AcquireRecordValueSlot: a session without schema on worker=%zu (drop #%llu)",
           worker_id, n);
     return nullptr;
@@ -164,7 +165,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
   if (!Ready(s)) {
     auto [n, log] = g_acquire_not_ready.Next();
     if (log)
-      DTL_LOG_WARNING(
+      DTL_LOG_DEBUG(
           "[IPFIX disk writer] AcquireRecordValueSlot: session=%s not ready (data_file=%d "
           "block_size=%u buf=%d) (drop #%llu)",
           s.schema.display_name.c_str(), s.data_file ? 1 : 0, s.block_size,
@@ -174,7 +175,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
   if (s.page_in_flight[s.active].load()) {
     auto [n, log] = g_acquire_in_flight.Next();
     if (log)
-      DTL_LOG_WARNING(
+      DTL_LOG_DEBUG(
           "[IPFIX disk writer] AcquireRecordValueSlot: active buffer in flight session=%s (drop #%llu)",
           s.schema.display_name.c_str(), n);
     return nullptr;
@@ -195,7 +196,7 @@ uint8_t* IpfixDiskWriter::AcquireRecordValueSlot(size_t worker_id, const std::st
   if (block == nullptr) {
     auto [n, log] = g_acquire_page_full.Next();
     if (log)
-      DTL_LOG_WARNING(
+      DTL_LOG_DEBUG(
           "[IPFIX disk writer] AcquireRecordValueSlot: page full and not writable session=%s (drop #%llu)",
           s.schema.display_name.c_str(), n);
     return nullptr;
@@ -238,7 +239,7 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
   if (state == nullptr) {
     auto [n, log] = g_record_no_state.Next();
     if (log)
-      DTL_LOG_WARNING("[IPFIX disk writer] ProcessRecord: a session without schema on worker=%zu (drop #%llu)",
+      DTL_LOG_DEBUG("[IPFIX disk writer] ProcessRecord: a session without schema on worker=%zu (drop #%llu)",
                       worker_id, n);
     return;
   }
@@ -246,7 +247,7 @@ void IpfixDiskWriter::ProcessRecord(const CounterWriteRecord& record) {
   if (!Ready(s)) {
     auto [n, log] = g_record_not_ready.Next();
     if (log)
-      DTL_LOG_WARNING(
+      DTL_LOG_DEBUG(
           "[IPFIX disk writer] ProcessRecord: session=%s not ready (data_file=%d block_size=%u "
           "buf=%d) (drop #%llu)",
           s.schema.display_name.c_str(), s.data_file ? 1 : 0, s.block_size,
@@ -342,6 +343,7 @@ void IpfixDiskWriter::ReportClosedFile(const std::string& path, uint64_t size) {
 
 void IpfixDiskWriter::NoteLoss(DomainState& s, uint64_t samples, const char* what) {
   s.lost += samples;
+  if (s.account) s.account->Discard(DiscardCause::kStorageError, samples);
   if (s.in_fault || samples == 0) return;
   s.in_fault = true;
   s.lost_at_fault = s.lost - samples;
@@ -436,7 +438,14 @@ void IpfixDiskWriter::FlushState(DomainState& s) {
     s.header_written = file.written_bytes > 0;  // a continued file has its header
     s.page_offset = static_cast<uint64_t>(std::max<int64_t>(file.written_bytes, 0));
     s.writes_since_check = 0;
-    if (file.has_file()) EnsurePublished(s);
+    if (file.has_file()) {
+      EnsurePublished(s);
+      if (s.announce) AnnounceSchema(s);
+      if (s.account) {
+        s.account->set_file(file.data_file_name());
+        if (file.created_file()) SessionAccount::Add(s.account->files, 1);
+      }
+    }
   }
   if (!file.has_file()) {
     // Nowhere to write (the root is unreachable, read-only or full): these
@@ -469,6 +478,7 @@ void IpfixDiskWriter::WriteHeaderUnit(DomainState& s) {
       "[IPFIX disk writer] FlushPage: writing header page src=%s write_size=%zu hdr_blocks=%u bidx=%d",
       s.src.c_str(), static_cast<size_t>(len), n, s.header_buf_index);
   file.WriteAt(s.header_page, 0, len, logical, last, &s.header_in_flight, s.header_buf_index);
+  if (s.account) s.account->file_bytes.store(logical, std::memory_order_relaxed);
 
   if (n < s.hdr_blocks) {
     // Partial: the next write of the header unit covers these blocks again.
@@ -503,6 +513,7 @@ void IpfixDiskWriter::WriteDataPage(DomainState& s) {
                 s.src.c_str());
   file.WriteAt(page, s.page_offset, len, s.page_offset + logical, s.last_ts, &s.page_in_flight[s.active],
                s.buf_index[s.active]);
+  if (s.account) s.account->file_bytes.store(s.page_offset + logical, std::memory_order_relaxed);
   if (s.count == s.batch_capacity) {
     s.page_offset += logical;
     s.active = static_cast<uint8_t>(other);

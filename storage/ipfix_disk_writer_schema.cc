@@ -220,7 +220,7 @@ void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key
     return;
   }
   Shard& shard = shards_[worker_id];
-  DTL_LOG_INFO(
+  DTL_LOG_DEBUG(
       "[IPFIX disk writer] ProcessSchemaUpdate: worker=%zu session=%s domain=%u fields=%zu shard_sessions=%zu",
       worker_id, snapshot.display_name.c_str(), snapshot.observation_domain_id, snapshot.flat_fields.size(),
       shard.size() + 1);
@@ -228,6 +228,7 @@ void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key
   auto [it, created] = shard.try_emplace(key);
   if (created) it->second = std::make_unique<DomainState>();
   DomainState& s = *it->second;
+  if (snapshot.account) s.account = snapshot.account;
 
   // A new state has nothing applied yet, whatever its empty stored snapshot
   // compares equal to. An unchanged schema still gets its files checked.
@@ -264,6 +265,7 @@ void IpfixDiskWriter::ApplySchemaUpdate(size_t worker_id, const std::string& key
   AllocateBuffers(s);
   WriteMetadataJson(s, snapshot);
   s.schema = snapshot;
+  s.announce = true;
   // A changed block size or schema closed the file: the next samples start
   // a new one with its header unit.
   if (!s.data_file->has_file()) s.header_written = false;
@@ -293,7 +295,7 @@ void IpfixDiskWriter::CreateDataFile(DomainState& s) {
 
 void IpfixDiskWriter::WriteSchemaJson(DomainState& s, const SchemaSnapshot& snapshot) {
   if (snapshot.flat_fields.empty()) {
-    DTL_LOG_INFO("[IPFIX disk writer] Session %s: skipping schema write, no flat fields yet", s.src.c_str());
+    DTL_LOG_DEBUG("[IPFIX disk writer] Session %s: skipping schema write, no flat fields yet", s.src.c_str());
     return;
   }
   dtl_counters_schema_t* schema = dtl_create_counters_schema();
@@ -358,7 +360,7 @@ void IpfixDiskWriter::WriteSchemaJson(DomainState& s, const SchemaSnapshot& snap
       DTL_LOG_DEBUG("[IPFIX disk writer] Session %s: schema already on disk, not rewriting", s.src.c_str());
       break;
     case Published::kWritten:
-      DTL_LOG_INFO("[IPFIX disk writer] Session %s: schema updated", s.src.c_str());
+      DTL_LOG_DEBUG("[IPFIX disk writer] Session %s: schema updated", s.src.c_str());
       break;
     case Published::kFailed:
       break;
@@ -410,7 +412,7 @@ void IpfixDiskWriter::WriteMetadataJson(DomainState& s, const SchemaSnapshot& sn
     return;
   }
   if (Publish(Kind::kMetadata, path, s.metadata_text, s.src, /*repair=*/false) == Published::kWritten)
-    DTL_LOG_INFO("[IPFIX disk writer] Session %s: metadata.json updated (%zu fields, %zu shape group(s))",
+    DTL_LOG_DEBUG("[IPFIX disk writer] Session %s: metadata.json updated (%zu fields, %zu shape group(s))",
                  s.src.c_str(), snapshot.flat_fields.size(), groups_written);
 }
 
@@ -421,6 +423,19 @@ void IpfixDiskWriter::EnsurePublished(DomainState& s) {
   if (!s.metadata_text.empty())
     Publish(Kind::kMetadata, MetadataFilePath(MetadataDir(), s.schema_id), s.metadata_text, s.src,
             /*repair=*/true);
+}
+
+void IpfixDiskWriter::AnnounceSchema(DomainState& s) {
+  s.announce = false;
+  std::set<std::string> interfaces;
+  for (const FlatFieldInfo& field : s.schema.flat_fields)
+    for (const auto& [key, value] : field.metadata)
+      if (key == "interface") interfaces.insert(value);
+  char* id = dtl_schema_id_string(s.schema_id);
+  DTL_LOG_INFO("[IPFIX disk writer] Switch %s (%s): storing %zu counters of %zu interface(s), schema %s, in %s",
+               s.src.c_str(), s.schema.display_name.c_str(), s.schema.flat_fields.size(), interfaces.size(),
+               id != nullptr ? id : "?", s.data_file ? s.data_file->data_file_name().c_str() : "?");
+  free(id);
 }
 
 }  // namespace dtl::ipfix

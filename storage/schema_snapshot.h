@@ -5,9 +5,12 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "storage/session_account.h"
 
 namespace dtl::ipfix {
 
@@ -35,6 +38,9 @@ struct SchemaSnapshot {
   std::map<uint64_t, MetadataPairs> metadata_definitions;
   std::vector<std::pair<uint16_t, uint64_t>> metadata_mappings;  // (template, metadata id)
   std::vector<FlatFieldInfo> flat_fields;
+  // The session's counters, which storage adds to (samples it failed to
+  // write, the current file and its size); null when nobody keeps them.
+  std::shared_ptr<SessionAccount> account;
 };
 
 }  // namespace dtl::ipfix

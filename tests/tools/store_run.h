@@ -195,13 +195,11 @@ class StoreRun : public ::testing::Test {
     return files;
   }
   std::string Log(const std::string& name) const { return (dir_ / (name + ".log")).string(); }
-  // The exporter sessions the host reports created (in either wording its log has used).
+  // The exporter sessions the host reports created.
   size_t SessionsCreated() const {
     std::istringstream lines(ReadTextFile(Log("host")));
     size_t count = 0;
-    for (std::string line; std::getline(lines, line);)
-      count += line.find("created session") != std::string::npos ||
-               line.find("New exporter session") != std::string::npos;
+    for (std::string line; std::getline(lines, line);) count += line.find("New exporter session") != std::string::npos;
     return count;
   }
 

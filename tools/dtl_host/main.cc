@@ -25,6 +25,7 @@
 #include "dtl_dict.h"
 #include "dtl_event_provider.h"
 #include "dtl_source.h"
+#include "log_watch.h"
 
 namespace {
 
@@ -59,6 +60,8 @@ void PrintHelp(FILE* out) {
           "  ipfix-data-path=DIR            data root for the data files; without it (or\n"
           "                                 ad-hoc-data-root) nothing is stored\n"
           "  ipfix-disk-data-size-limit=B   keep the stored data under B bytes (0: no limit)\n"
+          "  ipfix-status-interval-sec=N    a status line per switch every N s (default 10,\n"
+          "                                 0: only the final one at stop)\n"
           "  switch-1-ip=HOST, switch-2-ip=HOST, ...\n"
           "                                 switches to configure for HFT export (the list\n"
           "                                 ends at the first number not given)\n"
@@ -283,6 +286,28 @@ void WatchSignals(sigset_t signals, StopSignal* stop, void (*interrupt_switch_en
   }
 }
 
+// The collector's final status line without its changes since the last
+// report and the count of open sessions: "2814 samples stored; discarded
+// 186: 186 fragment lost; 3100 datagrams; kernel drops 0; 1 data file(s)
+// written".
+std::string Summary(std::string line) {
+  for (size_t open = line.find(" ("); open != std::string::npos; open = line.find(" (", open)) {
+    const size_t close = line.find(')', open);
+    if (close == std::string::npos) break;
+    line.erase(open, close - open + 1);
+  }
+  // "0 session(s) open, 2 seen; ..." becomes "2 session(s); ...".
+  const std::string open_text = " session(s) open, ";
+  const std::string seen_text = " seen; ";
+  const size_t open = line.find(open_text);
+  const size_t seen = open == std::string::npos ? open : line.find(seen_text, open);
+  if (seen != std::string::npos) {
+    const size_t from = open + open_text.size();
+    line = line.substr(from, seen - from) + " session(s); " + line.substr(seen + seen_text.size());
+  }
+  return line;
+}
+
 int Run(const HostArgs& args) {
   // The plug-in's threads inherit this mask, so the signals reach only the
   // host's wait below.
@@ -306,6 +331,8 @@ int Run(const HostArgs& args) {
   api.interrupt_switch_enables =
       reinterpret_cast<void (*)()>(dlsym(plugin.get(), "dtl_ipfix_interrupt_switch_enables"));
   printf("dtl-host: loaded %s\n", path.c_str());
+  if (!dtl_host::WatchPluginLog(plugin.get()))
+    fprintf(stderr, "dtl-host: the plug-in's logger cannot be watched; no totals at exit\n");
 
   // Neither joined nor freed: the thread may be waiting for a signal, and
   // using the object, until the process exits.
@@ -334,8 +361,10 @@ int Run(const HostArgs& args) {
          provider->description ? provider->description : "");
 
   int status = kExitOk;
+  std::string failure;
   if (provider->initialize != nullptr && !provider->initialize(provider, nullptr)) {
-    fprintf(stderr, "dtl-host: the provider failed to initialize\n");
+    failure = "the provider failed to initialize";
+    fprintf(stderr, "dtl-host: %s\n", failure.c_str());
     status = kExitFailed;
   } else {
     PrintSources(api, provider);
@@ -346,8 +375,8 @@ int Run(const HostArgs& args) {
       printf("dtl-host: no auto-stop timeout\n");
 
     if (!provider->start(provider)) {
-      fprintf(stderr, "dtl-host: the provider failed to start%s\n",
-              stop.signo() != 0 ? " (interrupted)" : "");
+      failure = std::string("the provider failed to start") + (stop.signo() != 0 ? " (interrupted)" : "");
+      fprintf(stderr, "dtl-host: %s\n", failure.c_str());
       status = kExitFailed;
     } else {
       std::optional<double> limit = args.duration_sec;
@@ -360,13 +389,20 @@ int Run(const HostArgs& args) {
       const std::string reason = stop.Wait(limit, limit_name);
       printf("dtl-host: stopping (%s)\n", reason.c_str());
       if (!provider->stop(provider)) {
-        fprintf(stderr, "dtl-host: the provider failed to stop\n");
+        failure = "the provider failed to stop (a switch refused; see above)";
+        fprintf(stderr, "dtl-host: %s\n", failure.c_str());
         status = kExitFailed;
       }
     }
   }
   provider->destroy(provider);
-  printf("dtl-host: done\n");
+  const std::string totals = Summary(dtl_host::FinalCollectorStatus());
+  if (status != kExitOk) {
+    printf("dtl-host: FAILED: %s%s%s (exit status %d)\n", failure.c_str(), totals.empty() ? "" : "; ",
+           totals.c_str(), status);
+  } else {
+    printf("dtl-host: done%s%s\n", totals.empty() ? "" : ": ", totals.c_str());
+  }
   return status;
 }
 
