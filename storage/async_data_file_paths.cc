@@ -176,12 +176,18 @@ std::string AsyncDataFile::BuildFilePath() {
   const std::string tag = SanitizePathComponent(tag_);
   const std::string host_name(client_id_.host_name,
                               strnlen(client_id_.host_name, sizeof client_id_.host_name));
-  std::string path = dtl::string_template(data_path_template_,
+  // The tag is a file-name prefix ("ipfix_"), but a tag that ends a
+  // directory name stands alone ("ipfix/"). Only the tag: a switch name that
+  // ends in "_" keeps it.
+  std::string path_template = data_path_template_;
+  boost::algorithm::replace_all(path_template, "{{tag}}/", "{{tag_dir}}/");
+  std::string path = dtl::string_template(path_template,
                                           {{"node", SanitizePathComponent(host_name)},
                                            {"source", SanitizePathComponent(source_)},
                                            {"port", std::to_string(client_id_.port)},
                                            {"timestamp", std::to_string(first_timestamp_)},
-                                           {"tag", tag_.empty() ? std::string() : tag + "_"}});
+                                           {"tag", tag_.empty() ? std::string() : tag + "_"},
+                                           {"tag_dir", tag_.empty() ? std::string() : tag}});
   try {
     if (first_timestamp_ != 0) {
       path = dtl::string_template(path, {{"year", "%Y"},
@@ -195,8 +201,6 @@ std::string AsyncDataFile::BuildFilePath() {
     }
     if (!id_.empty()) path = dtl::string_template(path, {{"id", id_}});
     if (data_root_.empty()) return path;
-    // A tag directly followed by a directory separator loses its underscore.
-    boost::algorithm::replace_all(path, "_/", "/");
     return (fs::absolute(data_root_) / path).string();
   } catch (std::exception const& e) {
     // A timestamp beyond the calendar or a vanished working directory: no

@@ -136,7 +136,11 @@ TEST_F(AsyncDataFileTest, PathTemplates) {
       {"abc", "", "{{source}}/{{hashx}}/{{id}}.bin", "abc/{{hashx}}/" + t0 + ".bin"},
       {"../../escape", "ipfix", "", date + ".._.._escape/ipfix_" + t0 + ".bin"},
       {"/abs/olute", "ipfix", "", date + "_abs_olute/ipfix_" + t0 + ".bin"},
-      {"..", "ipfix", "", ""}, {".", "ipfix", "", ""}, {"", "ipfix", "", ""}, {"x%D%Hy\n", "ipfix", "", ""}};
+      {"leaf1", "ipfix", "{{tag}}/{{source}}/{{id}}.bin", "ipfix/leaf1/" + t0 + ".bin"},
+      {"leaf_", "ipfix", "", date + "leaf_/ipfix_" + t0 + ".bin"},
+      {".", "ipfix", "", date + "_/ipfix_" + t0 + ".bin"},
+      {"..", "ipfix", "", date + "__/ipfix_" + t0 + ".bin"},
+      {"", "ipfix", "", ""}, {"x%D%Hy\n", "ipfix", "", ""}};
   for (const auto& [source, tag, path_template, path] : rows) {
     auto file = Open(kT0, source, tag, path_template);
     EXPECT_TRUE(fs::is_regular_file(file->data_file_name())) << source;
