@@ -34,8 +34,14 @@ std::string SessionDisplayName(const std::string& key) {
   std::memcpy(&port_be, bytes, sizeof(port_be));
   std::memcpy(&domain, bytes + 2, sizeof(domain));
   // An IPv6 address goes in brackets, so that its port reads as a port.
-  const std::string host = ip_len == 4 ? std::string(address) : "[" + std::string(address) + "]";
-  return host + ":" + std::to_string(ntohs(port_be)) + "/domain_" + std::to_string(domain);
+  std::string name;
+  if (ip_len == 4) {
+    name = address;
+  } else {
+    name.append("[").append(address).append("]");
+  }
+  name.append(":").append(std::to_string(ntohs(port_be))).append("/domain_").append(std::to_string(domain));
+  return name;
 }
 
 IpfixSession::IpfixSession(const std::string& key, size_t worker_id, IpfixSessionSink* sink)

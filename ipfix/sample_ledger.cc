@@ -1,6 +1,6 @@
 // Counting discards and finding missing samples. The fast path (a sample one
-// interval after the previous one) costs a compare; only gaps, late samples
-// and a smaller interval recount the run with a division.
+// interval after the previous one) is inline in the header; only gaps, late
+// samples and a smaller interval recount the run with a division.
 #include "ipfix/sample_ledger.h"
 
 #include <time.h>
@@ -26,8 +26,7 @@ std::string SampleTimeText(uint64_t time_ns) {
 SampleLedger::SampleLedger(std::shared_ptr<SessionAccount> account)
     : account_(std::move(account)), name_(account_->exporter()) {}
 
-void SampleLedger::Opened(uint32_t seconds, uint32_t nanoseconds) {
-  const uint64_t t = uint64_t{seconds} * 1000000000ull + nanoseconds;
+void SampleLedger::OpenedAt(uint64_t t) {
   if (!started_ || (t > last_ns_ && t - last_ns_ > kPauseNs) || (t < first_ns_ && first_ns_ - t > kPauseNs)) {
     // A new run of sample times: what the last one missed stays counted.
     started_ = true;

@@ -23,7 +23,16 @@ class SampleLedger {
 
   // A sample's first record arrived with its time: the sample will be
   // committed or discarded. Also finds the samples missing before it.
-  void Opened(uint32_t seconds, uint32_t nanoseconds);
+  void Opened(uint32_t seconds, uint32_t nanoseconds) {
+    const uint64_t t = uint64_t{seconds} * 1000000000ull + nanoseconds;
+    // The usual case, inline: one interval after the previous sample.
+    if (t > last_ns_ && t - last_ns_ == interval_ns_ && started_) {
+      last_ns_ = t;
+      ++opened_;
+      return;
+    }
+    OpenedAt(t);
+  }
   void Committed() { SessionAccount::Add(account_->committed, 1); }
   void Discarded(DiscardCause cause, uint32_t seconds, uint32_t nanoseconds);
 
@@ -33,6 +42,7 @@ class SampleLedger {
   void set_name(const std::string& name) { name_ = name; }
 
  private:
+  void OpenedAt(uint64_t t);
   // Missing samples of the current run of sample times, from its span, the
   // interval and the samples that opened in it.
   void Recount();
