@@ -74,8 +74,6 @@ class IpfixReceiver {
   void StatsLoggerLoop();
   // Each worker socket's kernel drop count (sockets still open).
   std::vector<uint64_t> KernelDrops() const;
-  // The sessions' counters, totals over the receiver's life.
-  SessionStatusBoard::Figures Totals() const { return board_.Totals(); }
 
  private:
   Config config_;

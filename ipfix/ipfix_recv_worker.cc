@@ -264,7 +264,7 @@ void IpfixRecvWorker::SleepMicros(uint32_t micros) const {
 
 void IpfixRecvWorker::WaitInKernel(uint32_t timeout_ms) {
   pollfd fds[2] = {{fd_, POLLIN, 0}, {stop_fd_, POLLIN, 0}};
-  kernel_waits_.store(kernel_waits_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  Bump(kernel_waits_, 1);
   // EINTR or an error: the loop looks again and comes back here if still quiet.
   (void)poll(fds, 2, timeout_ms == 0 ? -1 : static_cast<int>(timeout_ms));
 }

@@ -67,7 +67,6 @@ class IpfixSession {
   static constexpr size_t kMetaTemplateSlots = 4;
   static constexpr uint16_t kFirstCounterTemplateId = 300;
   static constexpr size_t kCounterTemplateSlots = 32;
-  static constexpr uint64_t kRecordsWrittenLogInterval = 0x80000;
 
   // One decoded field of the current record; data points into the message.
   struct RecordField {
@@ -135,7 +134,6 @@ class IpfixSession {
 
   uint64_t data_sets_processed() const { return data_sets_processed_; }
   uint64_t template_sets_processed() const { return template_sets_processed_; }
-  uint64_t records_written() const { return records_written_; }
 
  private:
   template <typename T>
@@ -210,6 +208,14 @@ class IpfixSession {
   RecordNumber NumberRecord();
   void NumberDescriptiveRecords(const ParsedTemplate& tmpl, const uint8_t* body, size_t len);
   void DropPendingSample();
+  // Whether the numbering shows something lost since the last sample opened
+  // (true when it cannot tell); moves the mark to now.
+  bool LossSinceLastOpen() {
+    const uint64_t jumps = sequence_.forward_jumps();
+    const bool loss = !sequence_.informative() || jumps != jumps_at_open_;
+    jumps_at_open_ = jumps;
+    return loss;
+  }
   // Drop the sample being assembled, or the one set aside, counting it.
   void DiscardPending(DiscardCause cause);
   void DiscardParked(DiscardCause cause);
@@ -224,6 +230,7 @@ class IpfixSession {
   size_t worker_id_ = 0;
   IpfixSessionSink* sink_ = nullptr;
   SampleLedger ledger_;
+  uint64_t jumps_at_open_ = 0;  // the numbering's forward jumps at the last sample opened
   bool closed_ = false;
   std::array<TemplateSlot<ParsedTemplate>, kCounterTemplateSlots> counter_templates_;
   std::array<TemplateSlot<ParsedTemplate>, kMetaTemplateSlots> meta_templates_;
@@ -300,10 +307,8 @@ class IpfixSession {
   uint32_t numbered_slots_ = 0;
   uint32_t stashed_slots_ = 0;
 
-  uint64_t records_written_log_interval_ = kRecordsWrittenLogInterval;
   uint64_t data_sets_processed_ = 0;
   uint64_t template_sets_processed_ = 0;
-  uint64_t records_written_ = 0;
   bool schema_dirty_ = false;
   bool metadata_complete_ = false;
   uint64_t last_seen_ns_ = 0;

@@ -87,7 +87,7 @@ void IpfixSession::ProcessCounterSet(size_t slot, const uint8_t* body, size_t le
       uint32_t seconds = 0;
       uint32_t nanoseconds = 0;
       if (ReadSampleTime(body + offset, record_length, &seconds, &nanoseconds)) {
-        ledger_.Opened(seconds, nanoseconds);
+        ledger_.Opened(seconds, nanoseconds, LossSinceLastOpen());
         ledger_.Discarded(DiscardCause::kTemplate, seconds, nanoseconds);
       }
     }
@@ -169,7 +169,7 @@ bool IpfixSession::OpenSample(const uint8_t* record, size_t len, RecordNumber nu
     return false;
   }
 
-  ledger_.Opened(seconds, nanoseconds);
+  ledger_.Opened(seconds, nanoseconds, LossSinceLastOpen());
   uint8_t* values = sink_->AcquireRecordValueSlot(worker_id_, key_, seconds, nanoseconds, total_value_bytes_);
   if (values == nullptr) {
     ledger_.Discarded(DiscardCause::kNoSlot, seconds, nanoseconds);
@@ -315,11 +315,6 @@ void IpfixSession::Commit() {
   if (parked_.older) DiscardParked(DiscardCause::kFragmentLost);
   sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
   ledger_.Committed();
-  ++records_written_;
-  if (records_written_ % records_written_log_interval_ == 1) {
-    DTL_LOG_DEBUG("[IPFIX session] ProcessCounterDataRecords: session=%s records_written=%llu",
-                 display_name_.c_str(), static_cast<unsigned long long>(records_written_));
-  }
   DropPendingSample();
   Unpark();
 }
@@ -386,7 +381,6 @@ void IpfixSession::CommitParkedFirst() {
   std::memcpy(block, parked_.values.data(), total_value_bytes_);
   sink_->CommitRecord(worker_id_, key_, total_value_bytes_);
   ledger_.Committed();
-  ++records_written_;
   if (!sample_pending_) return;
   uint8_t* again =
       sink_->AcquireRecordValueSlot(worker_id_, key_, pending_seconds_, pending_nanoseconds_, total_value_bytes_);

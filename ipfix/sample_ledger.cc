@@ -26,8 +26,10 @@ std::string SampleTimeText(uint64_t time_ns) {
 SampleLedger::SampleLedger(std::shared_ptr<SessionAccount> account)
     : account_(std::move(account)), name_(account_->exporter()) {}
 
-void SampleLedger::OpenedAt(uint64_t t) {
-  if (!started_ || (t > last_ns_ && t - last_ns_ > kPauseNs) || (t < first_ns_ && first_ns_ - t > kPauseNs)) {
+void SampleLedger::OpenedAt(uint64_t t, bool loss_possible) {
+  const bool gap = interval_ns_ != 0 && t > last_ns_ && t - last_ns_ > interval_ns_;
+  if (!started_ || (gap && !loss_possible) || (t > last_ns_ && t - last_ns_ > kPauseNs) ||
+      (t < first_ns_ && first_ns_ - t > kPauseNs)) {
     // A new run of sample times: what the last one missed stays counted.
     started_ = true;
     first_ns_ = last_ns_ = t;

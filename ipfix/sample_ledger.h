@@ -16,14 +16,17 @@ namespace dtl::ipfix {
 class SampleLedger {
  public:
   // A gap in sample time longer than this is the exporter pausing (export
-  // stopped and restarted), not samples lost.
+  // stopped and restarted), not samples lost, whatever the numbering says.
   static constexpr uint64_t kPauseNs = 60ull * 1000000000ull;
 
   explicit SampleLedger(std::shared_ptr<SessionAccount> account);
 
   // A sample's first record arrived with its time: the sample will be
   // committed or discarded. Also finds the samples missing before it.
-  void Opened(uint32_t seconds, uint32_t nanoseconds) {
+  // loss_possible: the exporter's numbering shows something lost since the
+  // last sample opened (or cannot tell); without it a gap in sample time is
+  // the exporter pausing, not samples lost.
+  void Opened(uint32_t seconds, uint32_t nanoseconds, bool loss_possible) {
     const uint64_t t = uint64_t{seconds} * 1000000000ull + nanoseconds;
     // The usual case, inline: one interval after the previous sample.
     if (t > last_ns_ && t - last_ns_ == interval_ns_ && started_) {
@@ -31,7 +34,7 @@ class SampleLedger {
       ++opened_;
       return;
     }
-    OpenedAt(t);
+    OpenedAt(t, loss_possible);
   }
   void Committed() { SessionAccount::Add(account_->committed, 1); }
   void Discarded(DiscardCause cause, uint32_t seconds, uint32_t nanoseconds);
@@ -42,7 +45,7 @@ class SampleLedger {
   void set_name(const std::string& name) { name_ = name; }
 
  private:
-  void OpenedAt(uint64_t t);
+  void OpenedAt(uint64_t t, bool loss_possible);
   // Missing samples of the current run of sample times, from its span, the
   // interval and the samples that opened in it.
   void Recount();

@@ -21,6 +21,13 @@ void SequenceTracker::BeginMessage(uint32_t sequence_number) {
   if (in_message_) {
     // Unsigned arithmetic: numbers wrap at 2^32.
     const uint32_t step = sequence_number - sequence_;
+    if (informative()) {
+      // Records of a message that could not all be counted leave the
+      // expected step unknown: taken as a jump.
+      const uint32_t expected = numbering_ == Numbering::kPerMessage ? 1 : countable_ ? records_ : 0;
+      if (static_cast<int32_t>(step - expected) > 0 || (numbering_ == Numbering::kPerRecord && !countable_))
+        ++forward_jumps_;
+    }
     per_record_run_ = Bump(per_record_run_, countable_ && step == records_);
     per_message_run_ = Bump(per_message_run_, step == 1);
     constant_run_ = Bump(constant_run_, step == 0);

@@ -56,6 +56,10 @@ class SequenceTracker {
   bool informative() const {
     return numbering_ == Numbering::kPerRecord || numbering_ == Numbering::kPerMessage;
   }
+  // Messages whose number was further on than the learnt numbering expects:
+  // something in between was lost (or is late). A number that goes back, as
+  // an exporter's does when it restarts, is no jump.
+  uint64_t forward_jumps() const { return forward_jumps_; }
 
  private:
   Numbering numbering_ = Numbering::kUnknown;
@@ -67,6 +71,7 @@ class SequenceTracker {
   uint8_t per_record_run_ = 0;
   uint8_t per_message_run_ = 0;
   uint8_t constant_run_ = 0;
+  uint64_t forward_jumps_ = 0;
 };
 
 class RecordHistory {

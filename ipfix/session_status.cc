@@ -57,6 +57,19 @@ std::string Size(uint64_t bytes) {
   return text;
 }
 
+// "leaf1 (192.0.2.1:4739/domain_7): 2897 samples stored (+1939, 1939/s); ..."
+std::string SessionLine(const std::string& switch_name, const std::string& exporter,
+                        const SessionStatusBoard::Figures& now, const SessionStatusBoard::Figures& last,
+                        double seconds, const std::string& file, uint64_t file_bytes) {
+  std::string line = (switch_name.empty() ? std::string("unnamed switch") : switch_name) + " (" + exporter +
+                     "): " + Stored(now, last, seconds) + "; " + Discards(now, last) + "; " +
+                     std::to_string(now.datagrams) + " datagrams (" + Change(now.datagrams, last.datagrams) +
+                     "); kernel drops on its socket " + std::to_string(now.kernel_drops) + " (" +
+                     Change(now.kernel_drops, last.kernel_drops) + ")";
+  if (!file.empty()) line += "; file " + file + " (" + Size(file_bytes) + ")";
+  return line;
+}
+
 void AddUp(SessionStatusBoard::Figures& sum, const SessionStatusBoard::Figures& f) {
   sum.stored += f.stored;
   for (size_t i = 0; i < kDiscardCauses; ++i) sum.discarded[i] += f.discarded[i];
@@ -92,18 +105,6 @@ SessionStatusBoard::Figures SessionStatusBoard::Read(const SessionAccount& accou
   f.files = SessionAccount::Get(account.files);
   if (account.worker() < kernel_drops.size()) f.kernel_drops = kernel_drops[account.worker()];
   return f;
-}
-
-std::string SessionStatusBoard::SessionLine(const std::string& switch_name, const std::string& exporter,
-                                            const Figures& now, const Figures& last, double seconds,
-                                            const std::string& file, uint64_t file_bytes) {
-  std::string line = (switch_name.empty() ? std::string("unnamed switch") : switch_name) + " (" + exporter +
-                     "): " + Stored(now, last, seconds) + "; " + Discards(now, last) + "; " +
-                     std::to_string(now.datagrams) + " datagrams (" + Change(now.datagrams, last.datagrams) +
-                     "); kernel drops on its socket " + std::to_string(now.kernel_drops) + " (" +
-                     Change(now.kernel_drops, last.kernel_drops) + ")";
-  if (!file.empty()) line += "; file " + file + " (" + Size(file_bytes) + ")";
-  return line;
 }
 
 void SessionStatusBoard::Report(const std::vector<uint64_t>& kernel_drops, bool final_report) {
@@ -145,14 +146,6 @@ void SessionStatusBoard::Report(const std::vector<uint64_t>& kernel_drops, bool 
                Change(total.datagrams, total_last_.datagrams).c_str(), total.kernel_drops,
                Change(total.kernel_drops, total_last_.kernel_drops).c_str(), total.files);
   total_last_ = total;
-}
-
-SessionStatusBoard::Figures SessionStatusBoard::Totals() const {
-  std::lock_guard lock(mutex_);
-  Figures total = departed_;
-  for (const Entry& entry : entries_) AddUp(total, Read(*entry.account, {}));
-  total.kernel_drops = total_last_.kernel_drops;
-  return total;
 }
 
 }  // namespace dtl::ipfix

@@ -38,16 +38,6 @@ class SessionStatusBoard {
   // line and leave the board. final_report says "final" in the lines.
   void Report(const std::vector<uint64_t>& kernel_drops, bool final_report);
 
-  // The collector's totals over every session so far (sessions that left
-  // included); for the final line and for tests.
-  Figures Totals() const;
-
-  // "leaf1 [2001:db8::1]:4739/domain_7: 99 812 samples stored (+9 981,
-  // 998/s), ..." for one session; exposed for tests.
-  static std::string SessionLine(const std::string& switch_name, const std::string& exporter,
-                                 const Figures& now, const Figures& last, double seconds,
-                                 const std::string& file, uint64_t file_bytes);
-
  private:
   struct Entry {
     std::shared_ptr<SessionAccount> account;

@@ -220,6 +220,9 @@ class IpfixDiskWriter final : public IpfixSessionSink {
   // Starting the next file: the page's blocks already written belong to the
   // file being closed and leave the page.
   static void DropWrittenBlocks(DomainState& state);
+  // Samples written once and lost since: every loss counts here, so that the
+  // session's account sees it too.
+  void CountLost(DomainState& state, uint64_t samples);
   void NoteLoss(DomainState& state, uint64_t samples, const char* what);
   void NoteHealthy(DomainState& state);
   void ReportClosedFile(const std::string& path, uint64_t size);

@@ -341,9 +341,13 @@ void IpfixDiskWriter::ReportClosedFile(const std::string& path, uint64_t size) {
     retention_.RecordClosedFile(boost::filesystem::path(path), size);
 }
 
-void IpfixDiskWriter::NoteLoss(DomainState& s, uint64_t samples, const char* what) {
+void IpfixDiskWriter::CountLost(DomainState& s, uint64_t samples) {
   s.lost += samples;
   if (s.account) s.account->Discard(DiscardCause::kStorageError, samples);
+}
+
+void IpfixDiskWriter::NoteLoss(DomainState& s, uint64_t samples, const char* what) {
+  CountLost(s, samples);
   if (s.in_fault || samples == 0) return;
   s.in_fault = true;
   s.lost_at_fault = s.lost - samples;
@@ -374,12 +378,12 @@ void IpfixDiskWriter::HandleFileFault(DomainState& s, AsyncDataFile::DiskState f
   using DiskState = AsyncDataFile::DiskState;
   if (fault == DiskState::kDeleted) {
     // Gone by someone else's hand; said every time, it is not a disk fault.
-    s.lost += lost;
+    CountLost(s, lost);
     DTL_LOG_WARNING("[IPFIX disk writer] Session %s: data file %s was deleted from outside; its %llu "
                     "sample(s) are gone; starting a new file",
                     s.src.c_str(), path.c_str(), static_cast<unsigned long long>(sent));
   } else if (fault == DiskState::kTruncated) {
-    s.lost += lost;
+    CountLost(s, lost);
     DTL_LOG_WARNING("[IPFIX disk writer] Session %s: data file %s was cut short from outside; kept "
                     "%llu sample(s), %llu lost; starting a new file",
                     s.src.c_str(), path.c_str(), static_cast<unsigned long long>(kept_blocks),

@@ -20,6 +20,7 @@ TEST(SampleLedger, CountsSamplesMissingFromTheRunOfSampleTimes) {
     const char* what;
     std::vector<uint64_t> steps;  // sample times, in 100 µs steps from kBase
     int64_t missing;
+    bool loss_possible = true;  // what the exporter's numbering says
   };
   const Case cases[] = {
       {"a regular run", {0, 1, 2, 3, 4}, 0},
@@ -31,13 +32,15 @@ TEST(SampleLedger, CountsSamplesMissingFromTheRunOfSampleTimes) {
       {"the same sample twice", {0, 1, 1, 2}, 0},
       {"a pause of two minutes starts a new run", {0, 1, 2, 1200000, 1200001, 1200003}, 1},
       {"holes before and after a pause add up", {0, 2, 3, 1200000, 1200002, 1200003}, 2},
+      {"a gap with nothing lost by the numbering is a pause", {0, 1, 2, 50000, 50001, 50002}, 0, false},
   };
   for (const Case& c : cases) {
     auto account = std::make_shared<SessionAccount>(0, "test");
     SampleLedger ledger(account);
     for (uint64_t step : c.steps) {
       const uint64_t ns = step * 100000;
-      ledger.Opened(kBase + static_cast<uint32_t>(ns / 1000000000), static_cast<uint32_t>(ns % 1000000000));
+      ledger.Opened(kBase + static_cast<uint32_t>(ns / 1000000000), static_cast<uint32_t>(ns % 1000000000),
+                    c.loss_possible);
     }
     EXPECT_EQ(account->missing.load(), c.missing) << c.what;
   }

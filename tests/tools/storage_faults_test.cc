@@ -144,6 +144,13 @@ class StorageFaults : public StoreRun {
     }
     EXPECT_EQ(sorted.stray + sorted.inexact.size() + twice, 0u) << "stray, wrong or repeated rows:\n"
                                                                 << sorted.examples;
+    // What the host says it stored is what can be read back: samples lost to
+    // the fault were counted as lost, not as stored.
+    const std::string log = ReadTextFile(Log("host"));
+    const size_t done = log.rfind("dtl-host: done: ");
+    ASSERT_NE(done, std::string::npos) << log.substr(log.size() > 2000 ? log.size() - 2000 : 0);
+    const std::string summary = log.substr(done, log.find('\n', done) - done);
+    EXPECT_NE(summary.find("; " + std::to_string(stored) + " samples stored;"), std::string::npos) << summary;
     std::printf("[storage fault] %s: sent %llu, stored %llu, %zu files left\n", fault.c_str(),
                 static_cast<unsigned long long>(sent), static_cast<unsigned long long>(stored), files.size());
   }
