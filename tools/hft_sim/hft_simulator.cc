@@ -101,7 +101,7 @@ void HftSimulator::PutCounterRecord(IpfixMessageBuilder& builder, size_t templat
     builder.PutU32(static_cast<uint32_t>(time_ns / 1'000'000'000ull));
     builder.PutU32(static_cast<uint32_t>(time_ns % 1'000'000'000ull));
   }
-  for (size_t i = 0; i < info.counter_count; ++i) builder.PutU64(CounterValue(sample_index, info.first_counter + i));
+  for (size_t i = 0; i < info.counter_count; ++i) builder.PutU64(CounterValue(sample_index, info.first_counter + i) + config_.value_base);
   builder.EndSet();
   ++fragments_produced_;
 }

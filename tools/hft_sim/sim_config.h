@@ -58,6 +58,9 @@ struct SimConfig {
   std::vector<std::string> traffic_classes;
   uint32_t counters_per_template = 60;
   uint64_t sample_interval_us = 100;
+  // Added to every counter value (modulo 2^64): a base close to 2^64 makes
+  // the counters wrap during a run.
+  uint64_t value_base = 0;
   // Samples per second per exporter; 0 sends as fast as possible.
   double rate = 0;
   // Stop after this many samples per exporter (0 = no limit) or this many

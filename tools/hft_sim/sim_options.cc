@@ -30,6 +30,7 @@ enum LongOnly : int {
   kInterleave,
   kFragmentsPerMessage,
   kWithdrawAt,
+  kValueBase,
 };
 
 const option kOptions[] = {
@@ -60,6 +61,7 @@ const option kOptions[] = {
     {"interleave", no_argument, nullptr, kInterleave},
     {"fragments-per-message", required_argument, nullptr, kFragmentsPerMessage},
     {"withdraw-at", required_argument, nullptr, kWithdrawAt},
+    {"value-base", required_argument, nullptr, kValueBase},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -141,6 +143,8 @@ bool Apply(int code, const char* arg, SimConfig& config) {
       return ParseInto(arg, config.counters_per_template);
     case kIntervalUs:
       return ParseInto(arg, config.sample_interval_us);
+    case kValueBase:
+      return ParseInto(arg, config.value_base);
     case 'r':
       return ParseNonNegative(arg, config.rate);
     case 's':
@@ -342,8 +346,11 @@ Fault injection (counter fragments only):
 
 Counter values: counter k (0 = first counter of template 300, counting on
 through 301, 302, ...) in sample i (0 = first) holds, modulo 2^64,
-    value = (i + 1) * 1000003 + k * 7919 + (k << 40)
-so a receiver can check every stored value.
+    value = (i + 1) * 1000003 + k * 7919 + (k << 40) + B
+so a receiver can check every stored value. B is 0 unless given:
+      --value-base B            add B to every value, modulo 2^64 (e.g.
+                                18446744072709551616, 2^64 - 10^9, makes the
+                                first counter wrap after sample 998)
 
 Prints a one-line summary of what was sent when done or stopped.
 Exit status: 0 ok, 1 runtime error (e.g. the target cannot be resolved),
