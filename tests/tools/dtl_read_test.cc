@@ -2,7 +2,9 @@
 // the collector lays them out under a data root.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstring>
+#include <numeric>
 #include <filesystem>
 #include <fstream>
 
@@ -16,6 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using Id = std::vector<unsigned char>;
+using Args = std::vector<std::string>;
+// A counter's data type and length in bytes; counter i sits at offset 8 i.
+using Type = std::pair<uint32_t, uint32_t>;
 
 struct Sample {
   uint64_t ts;
@@ -49,19 +54,19 @@ class DtlReadTest : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(root_); }
 
-  // Publishes a schema of UINT64 counters (8 bytes each, in order) into dir
-  // the way the collector does and returns its identifier.
-  Id Schema(const std::vector<std::string>& names, const fs::path& dir) {
+  // Publishes a schema of counters (UINT64 of 8 bytes unless types says
+  // otherwise) into dir the way the collector does and returns its identifier.
+  Id Schema(const std::vector<std::string>& names, const fs::path& dir, const std::vector<Type>& types = {}) {
     dtl_counters_schema_t* schema = dtl_create_counters_schema();
     dtl_counter_group_t* group = dtl_create_counter_group_no_provider("ipfix", "test");
     for (size_t i = 0; i < names.size(); ++i) {
       dtl_counter_info_t info{};
       info.name = const_cast<char*>(names[i].c_str());
       info.description = info.units = const_cast<char*>("");
-      info.data_type = DTL_DATA_TYPE_UINT64;
+      info.data_type = static_cast<decltype(info.data_type)>(i < types.size() ? types[i].first : uint32_t{DTL_DATA_TYPE_UINT64});
       info.counting_type = DTL_COUNTING_TYPE_RUNNING_SUM;
       info.offset = static_cast<uint32_t>(8 * i);
-      info.length = 8;
+      info.length = i < types.size() ? types[i].second : 8;
       EXPECT_TRUE(dtl_add_counter_to_group(group, &info));
     }
     EXPECT_TRUE(dtl_counters_schema_append_group(schema, group));
@@ -77,10 +82,10 @@ class DtlReadTest : public ::testing::Test {
   // Header plus one block per sample, then `extra`; a finalised header
   // carries the size and last time, as after a clean close.
   static std::string Bytes(const Id& id, const std::vector<Sample>& samples, const std::string& extra = "",
-                           bool finalised = true) {
+                           bool finalised = true, const char* source = "leaf1") {
     const uint32_t block_size = static_cast<uint32_t>(16 + 8 * (samples.empty() ? 1 : samples[0].values.size()));
     std::string bytes(DTL_DATA_FILE_HEADER_SIZE, '\0');
-    EXPECT_TRUE(dtl_data_file_header_build("leaf1", "ipfix", samples.empty() ? 0 : samples[0].ts, block_size,
+    EXPECT_TRUE(dtl_data_file_header_build(source, "ipfix", samples.empty() ? 0 : samples[0].ts, block_size,
                                            id.data(), nullptr, bytes.data(), bytes.size()));
     if (finalised) {
       auto* h = reinterpret_cast<dtl_data_file_header_t*>(bytes.data());
@@ -104,9 +109,10 @@ class DtlReadTest : public ::testing::Test {
   // A data file where the collector puts one, a few levels below the root
   // and its schema directory.
   fs::path File(const std::string& name, const std::vector<Sample>& samples = kSamples,
-                const std::vector<std::string>& names = kNames, const std::string& extra = "") {
-    const Id id = Schema(names, root_ / "d" / "schema");
-    return Write(root_ / "d" / "2024" / "0315" / "leaf1" / name, Bytes(id, samples, extra));
+                const std::vector<std::string>& names = kNames, const std::string& extra = "",
+                const std::vector<Type>& types = {}, const char* source = "leaf1", bool finalised = true) {
+    const Id id = Schema(names, root_ / "d" / "schema", types);
+    return Write(root_ / "d" / "2024" / "0315" / "leaf1" / name, Bytes(id, samples, extra, finalised, source));
   }
   static fs::path Patch(const fs::path& path, size_t offset, const std::string& bytes) {
     std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
@@ -161,6 +167,13 @@ TEST_F(DtlReadTest, OutputIsExact) {
       {"summary", {"--summary", sum4},
        "file:        " + sum4 + "\nsource:      leaf1 (tag ipfix)\ntime span:   1000000 .. 1300000 us (0.300000 s)\n"
        "samples:     4\nsample rate: 10.000 /s\n" + counters + "rx         100   135  20\ntx          50     4  20\n"},
+      {"source and ISO time", {"--source", "--iso-time", a},
+       "source,time,interface=eth1:rx_bytes,interface=eth1:tx_bytes,drops\n"
+       "leaf1,2023-11-14T22:13:20.000000Z,100,7,0\nleaf1,2023-11-14T22:13:20.100000Z,110,9,0\n"
+       "leaf1,2023-11-14T22:13:20.200000Z,18446744073709551615,12,3\n"},
+      {"json lines with source and ISO time", {"--json", "--source", "--iso-time", b},
+       "{\"source\":\"leaf1\",\"time\":\"2023-11-14T22:13:20.100000Z\",\"interface=eth1:rx_bytes\":110,"
+       "\"interface=eth1:tx_bytes\":9,\"drops\":0}\n"},
       {"summary of one sample", {"--summary", sum1},
        "file:        " + sum1 + "\nsource:      leaf1 (tag ipfix)\ntime span:   1000000 .. 1000000 us (0.000000 s)\n"
        "samples:     1\nsample rate: n/a\n" + counters + "rx           7     7  0\ntx           7     7  0\n"},
@@ -260,6 +273,200 @@ TEST_F(DtlReadTest, BadInputIsAClearErrorNamingTheFile) {
     EXPECT_EQ(r.out, c.out) << c.what;
     EXPECT_NE(r.err.find("error: "), std::string::npos) << c.what << ": " << r.err;
     EXPECT_NE(r.err.find(c.error), std::string::npos) << c.what << ": " << r.err;
+  }
+}
+
+constexpr uint64_t kT0 = 1700000000000000;  // 2023-11-14T22:13:20Z
+
+// Samples i of 0..n-1 at kT0 + 1000 i with the values i and i.
+std::vector<Sample> Ramp(uint64_t n) {
+  std::vector<Sample> samples;
+  for (uint64_t i = 0; i < n; ++i) samples.push_back({kT0 + 1000 * i, {i, i}});
+  return samples;
+}
+std::vector<uint64_t> Range(uint64_t from, uint64_t to) {
+  std::vector<uint64_t> v(to - from);
+  std::iota(v.begin(), v.end(), from);
+  return v;
+}
+// The first value of each CSV row: the sample index in Ramp files.
+std::vector<uint64_t> Indices(const std::string& csv) {
+  std::vector<uint64_t> indices;
+  std::istringstream lines(csv);
+  std::string line;
+  for (std::getline(lines, line); std::getline(lines, line);) indices.push_back(std::stoull(line.substr(line.find(',') + 1)));
+  return indices;
+}
+
+// --from is inclusive, --to exclusive, in microseconds or ISO 8601. The
+// range is found by bisection and widened by 64 blocks, so a sample stored
+// 10 blocks late is still found, and a corrupt block far from the window
+// is never read.
+TEST_F(DtlReadTest, TimeWindowsSelectExactlyTheirRows) {
+  std::vector<Sample> samples = Ramp(300);
+  samples[200].ts = kT0 + 190500;
+  const std::string file = File("w.bin", samples, {"rx", "tx"});
+  const std::string far = Patch(File("far.bin", Ramp(300), {"rx", "tx"}), 256 + 10 * 32, "DTLX").string();
+  std::vector<uint64_t> all = Range(0, 300), late = {190, 200};
+  const struct {
+    const char* what;
+    Args args;
+    std::vector<uint64_t> rows;
+  } cases[] = {
+      {"from the first block", {"--from", "1700000000000000", file}, all},
+      {"to a block's time is exclusive", {"--to", "1700000000100000", file}, Range(0, 100)},
+      {"between blocks", {"--from", "1700000000150500", "--to", "1700000000152500", file}, {151, 152}},
+      {"before the file", {"--to", "1700000000000000", file}, {}},
+      {"after the file", {"--from", "1700000000300000", file}, {}},
+      {"a late sample", {"--from", "1700000000190000", "--to=1700000000191000", file}, late},
+      {"ISO in UTC", {"--from=2023-11-14T22:13:20.15Z", "--to", "2023-11-14T22:13:20.152Z", file}, {150, 151}},
+      {"ISO with zones and a space", {"--from", "2023-11-15 00:13:20.150+02:00", "--to", "2023-11-14T17:13:20.152-05:00", file},
+       {150, 151}},
+      {"ISO without a zone is UTC", {"--from", "2023-11-14T22:13:20.298", file}, {298, 299}},
+      {"date only", {"--to", "2023-11-15", file}, all},
+      {"date only, after the file", {"--from", "2023-11-15", file}, {}},
+      {"nanoseconds are cut off", {"--to", "2023-11-14T22:13:20.100000999Z", file}, Range(0, 100)},
+      {"a corrupt block outside the range", {"--from", "1700000000250000", far}, Range(250, 300)},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.args);
+    EXPECT_EQ(r.exit_code, 0) << c.what << ": " << r.err;
+    EXPECT_EQ(r.err, "") << c.what;
+    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "timestamp_us,rx,tx") << c.what;
+    EXPECT_EQ(Indices(r.out), c.rows) << c.what;
+  }
+  // The summary takes the window and the counters too.
+  const Result r = Run({"--summary", "--from", "1700000000010000", "--to", "1700000000020000", "--counters", "^tx", file});
+  EXPECT_NE(r.out.find("time span:   1700000000010000 .. 1700000000019000 us"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("samples:     10\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\ntx  "), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("\nrx  "), std::string::npos) << r.out;
+}
+
+// Counters are picked by a regular expression searched in their schema
+// names (not the name#i headings); bad options are usage errors (2), a file
+// where nothing matches is a file error (1).
+TEST_F(DtlReadTest, CountersAndBadOptions) {
+  const std::string file = File("c.bin", {{kT0, {1, 2, 3, 4}}}, {"interface=eth1:rx_bytes", "interface=eth1:tx_bytes", "drops", "drops"});
+  const struct {
+    const char* what;
+    Args args;
+    int exit_code;
+    std::string out_or_error;
+  } cases[] = {
+      {"a substring", {"--counters", "rx", file}, 0, "timestamp_us,interface=eth1:rx_bytes\n1700000000000000,1\n"},
+      {"alternatives", {"--counters=eth1:(rx|tx)_bytes$", file}, 0,
+       "timestamp_us,interface=eth1:rx_bytes,interface=eth1:tx_bytes\n1700000000000000,1,2\n"},
+      {"repeated names keep their headings", {"--counters", "^drops$", file}, 0, "timestamp_us,drops#2,drops#3\n1700000000000000,3,4\n"},
+      {"headings are not searched", {"--counters", "#2", file}, 1, "error: " + file + ": no counter matches --counters '#2'"},
+      {"bad expression", {"--counters", "(", file}, 2, "--counters: bad regular expression '('"},
+      {"bad month", {"--from", "2023-13-01", file}, 2, "--from: bad time '2023-13-01'"},
+      {"hour 24", {"--to", "2023-11-14T24:00", file}, 2, "--to: bad time"},
+      {"a word", {"--from", "yesterday", file}, 2, "--from: bad time"},
+      {"fraction of a microsecond", {"--from", "17.5", file}, 2, "--from: bad time"},
+      {"zone without a time", {"--from", "2023-11-14Z", file}, 2, "--from: bad time"},
+      {"rate and summary", {"--rate", "--summary", file}, 2, "--rate prints rows"},
+      {"rate and header", {"--rate", "--header", file}, 2, "--rate prints rows"},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.args);
+    EXPECT_EQ(r.exit_code, c.exit_code) << c.what << ": " << r.err;
+    const std::string& where = c.exit_code == 0 ? r.out : r.err;
+    EXPECT_NE(where.find(c.out_or_error), std::string::npos) << c.what << ": " << r.out << r.err;
+    if (c.exit_code == 0) {
+      EXPECT_EQ(r.out, c.out_or_error) << c.what;
+    }
+  }
+}
+
+// Unsigned counters wrap at their width (64 bits, or 32 for 4 bytes) and
+// give no rate when reset; INT64 and FP64 give signed changes; bit fields
+// get no column. A repeated or late sample is left out, a gap averages,
+// and the rate is delta * 1e6 / dt in that order (3 per 7 us).
+TEST_F(DtlReadTest, RatesFollowTheCounterTypes) {
+  const std::vector<Type> types = {{DTL_DATA_TYPE_UINT64, 8}, {DTL_DATA_TYPE_UINT64, 4}, {DTL_DATA_TYPE_INT64, 8},
+                                   {DTL_DATA_TYPE_FP64, 8}, {DTL_DATA_TYPE_BIT64, 8}};
+  const auto real = [](double d) { return std::bit_cast<uint64_t>(d); };
+  const uint64_t minus = ~uint64_t{0};  // -1
+  const std::string file = File("r.bin",
+                                {{1000000, {minus - 99, 4294967200, minus - 4, real(1.5), 1}},
+                                 {1001000, {50, 100, 10, real(2.25), 2}},
+                                 {1001000, {999, 999, 999, real(9), 3}},
+                                 {1000500, {999, 999, 999, real(9), 4}},
+                                 {1004000, {30, 40, minus - 19, real(2.25), 5}},
+                                 {1004007, {33, 41, minus - 19, real(1.25), 6}}},
+                                {"u64", "u32", "i64", "f64", "bits"}, "", types);
+  const struct {
+    const char* what;
+    Args args;
+    std::string out;
+  } cases[] = {
+      {"csv", {"--rate", file},
+       "timestamp_us,u64,u32,i64,f64\n1001000,150000,196000,15000,750\n1004000,,,-10000,0\n"
+       "1004007,428571.4285714286,142857.14285714287,0,-142857.14285714287\n"},
+      {"json", {"--rate", "--json", "--counters", "^u", file},
+       "{\"timestamp_us\":1001000,\"u64\":150000,\"u32\":196000}\n{\"timestamp_us\":1004000,\"u64\":null,\"u32\":null}\n"
+       "{\"timestamp_us\":1004007,\"u64\":428571.4285714286,\"u32\":142857.14285714287}\n"},
+      {"window", {"--rate", "--from", "1001000", file}, "timestamp_us,u64,u32,i64,f64\n1004000,,,-10000,0\n"
+       "1004007,428571.4285714286,142857.14285714287,0,-142857.14285714287\n"},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.args);
+    EXPECT_EQ(r.exit_code, 0) << c.what << ": " << r.err;
+    EXPECT_EQ(r.out, c.out) << c.what;
+  }
+}
+
+// A run of rates goes on into the next file of the same source and
+// columns (its first row then has a rate, and a file of earlier times is
+// all late); another source or other columns start a new run.
+TEST_F(DtlReadTest, RateRunsGoOnAcrossFilesOfOneSource) {
+  const std::string a1 = File("a1.bin", {{1000000, {0}}, {1001000, {10}}}, {"rx"}),
+                    a2 = File("a2.bin", {{1002000, {30}}, {1003000, {60}}}, {"rx"}),
+                    b2 = File("b2.bin", {{1002000, {30}}, {1003000, {60}}}, {"rx"}, "", {}, "leaf2"),
+                    c2 = File("c2.bin", {{1002000, {30}}, {1003000, {60}}}, {"tx"});
+  const struct {
+    const char* what;
+    Args args;
+    std::string out;
+  } cases[] = {
+      {"same source", {"--rate", a1, a2}, "timestamp_us,rx\n1001000,10000\n1002000,20000\n1003000,30000\n"},
+      {"other source", {"--rate", "--source", a1, b2}, "source,timestamp_us,rx\nleaf1,1001000,10000\nleaf2,1003000,30000\n"},
+      {"other columns", {"--rate", a1, c2}, "timestamp_us,rx\n1001000,10000\ntimestamp_us,tx\n1003000,30000\n"},
+      {"earlier file second", {"--rate", a2, a1}, "timestamp_us,rx\n1003000,30000\n"},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.args);
+    EXPECT_EQ(r.exit_code, 0) << c.what << ": " << r.err;
+    EXPECT_EQ(r.out, c.out) << c.what;
+  }
+}
+
+// A window reaching into the tail of a torn file ends at its last whole
+// data block with the same warning as a full read.
+TEST_F(DtlReadTest, WindowsIntoATornTail) {
+  const std::string zeros = File("z.bin", Ramp(200), {"rx", "tx"}, std::string(400 * 32, '\0'), {}, "leaf1", false),
+                    partial = File("p.bin", Ramp(200), {"rx", "tx"}, std::string(13, '\x5a'));
+  const std::string zero_tail = "file cut short: zero-filled from block 200 (offset 6656)";
+  const struct {
+    const char* what;
+    Args args;
+    std::vector<uint64_t> rows;
+    std::string warning;
+  } cases[] = {
+      {"zero tail, window into it", {"--from", "1700000000150000", zeros}, Range(150, 200), zero_tail},
+      {"zero tail, window beyond the data", {"--from", "1700000000260000", zeros}, {}, zero_tail},
+      {"zero tail, window before it", {"--to", "1700000000010000", zeros}, Range(0, 10), zero_tail},
+      {"zero tail, no window", {zeros}, Range(0, 200), zero_tail},
+      {"partial block, window into it", {"--from", "1700000000190000", "--to", "1700000000900000", partial},
+       Range(190, 200), "file cut short: 13 bytes after block 200"},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.args);
+    EXPECT_EQ(r.exit_code, 0) << c.what << ": " << r.err;
+    EXPECT_EQ(Indices(r.out), c.rows) << c.what;
+    EXPECT_NE(r.err.find(c.warning), std::string::npos) << c.what << ": " << r.err;
+    EXPECT_EQ(r.err.find(c.warning), r.err.rfind(c.warning)) << c.what << ": warned twice: " << r.err;
   }
 }
 

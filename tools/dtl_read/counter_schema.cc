@@ -98,6 +98,13 @@ void AssignColumnNames(std::vector<CounterColumn>* columns) {
   }
 }
 
+std::vector<CounterColumn> SelectColumns(const std::vector<CounterColumn>& columns, const std::regex& pattern) {
+  std::vector<CounterColumn> selected;
+  for (const CounterColumn& c : columns)
+    if (std::regex_search(c.name, pattern)) selected.push_back(c);
+  return selected;
+}
+
 std::string FindSchemaFile(const std::string& data_file, const std::string& schema_dir,
                            const std::string& schema_id, std::string* error) {
   const std::string name = "schema_" + schema_id + ".json";

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,10 @@ class CounterSchema {
 // name#i, i being its 0-based position among all counters; the rest keep
 // their names.
 void AssignColumnNames(std::vector<CounterColumn>* columns);
+
+// The columns whose counter name (not its heading) contains a match of
+// pattern, in schema order.
+std::vector<CounterColumn> SelectColumns(const std::vector<CounterColumn>& columns, const std::regex& pattern);
 
 // Path of "schema_<id>.json": in schema_dir when given, otherwise in the
 // "schema" directory of the nearest directory above data_file that has it.

@@ -4,30 +4,9 @@
 #include <cstring>
 
 #include "dtl_counters.h"
-#include "tools/dtl_read/row_output.h"
+#include "tools/dtl_read/value_text.h"
 
 namespace dtl::read {
-
-namespace {
-
-enum class Kind { kUnsigned, kSigned, kReal, kOther };
-
-Kind KindOf(const CounterColumn& c) {
-  if (c.length != 8) return Kind::kOther;
-  switch (c.data_type) {
-    case DTL_DATA_TYPE_UNDEFINED:
-    case DTL_DATA_TYPE_UINT64:
-      return Kind::kUnsigned;
-    case DTL_DATA_TYPE_INT64:
-      return Kind::kSigned;
-    case DTL_DATA_TYPE_FP64:
-      return Kind::kReal;
-    default:
-      return Kind::kOther;
-  }
-}
-
-}  // namespace
 
 FileSummary::FileSummary(std::vector<CounterColumn> columns)
     : columns_(std::move(columns)), stats_(columns_.size()) {}
@@ -41,20 +20,20 @@ void FileSummary::Add(uint64_t timestamp_us, const uint8_t* values) {
     const uint8_t* p = values + c.offset;
     s.last = FormatValue(c, values);
     if (samples_ == 0) s.first = s.last;
-    const Kind kind = KindOf(c);
-    if (kind == Kind::kUnsigned) {
+    const ValueKind kind = KindOf(c);
+    if (kind == ValueKind::kUnsigned) {
       uint64_t v;
       std::memcpy(&v, p, 8);
       if (samples_ > 0 && v > s.prev_u) s.max_u = std::max(s.max_u, v - s.prev_u);
       s.prev_u = v;
-    } else if (kind == Kind::kSigned) {
+    } else if (kind == ValueKind::kSigned) {
       int64_t v;
       std::memcpy(&v, p, 8);
       if (samples_ > 0 && v > s.prev_s) {
         s.max_s = std::max(s.max_s, static_cast<uint64_t>(v) - static_cast<uint64_t>(s.prev_s));
       }
       s.prev_s = v;
-    } else if (kind == Kind::kReal) {
+    } else if (kind == ValueKind::kReal) {
       double v;
       std::memcpy(&v, p, 8);
       if (samples_ > 0 && v > s.prev_d) s.max_d = std::max(s.max_d, v - s.prev_d);
@@ -86,13 +65,12 @@ void FileSummary::Print(FILE* out, const std::string& path,
   size_t name_w = 7, first_w = 5, last_w = 4;
   for (size_t i = 0; i < columns_.size(); ++i) {
     const Stats& s = stats_[i];
-    const Kind kind = KindOf(columns_[i]);
-    if (samples_ > 0 && kind == Kind::kUnsigned) increases[i] = std::to_string(s.max_u);
-    if (samples_ > 0 && kind == Kind::kSigned) increases[i] = std::to_string(s.max_s);
-    if (samples_ > 0 && kind == Kind::kReal) {
+    const ValueKind kind = KindOf(columns_[i]);
+    if (samples_ > 0 && kind == ValueKind::kUnsigned) increases[i] = std::to_string(s.max_u);
+    if (samples_ > 0 && kind == ValueKind::kSigned) increases[i] = std::to_string(s.max_s);
+    if (samples_ > 0 && kind == ValueKind::kReal) {
       char buf[32];
-      snprintf(buf, sizeof buf, "%.17g", s.max_d);
-      increases[i] = buf;
+      increases[i].assign(buf, AppendShortest(buf, s.max_d));
     }
     name_w = std::max(name_w, columns_[i].column.size());
     first_w = std::max(first_w, s.first.size());
