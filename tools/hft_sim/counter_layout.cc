@@ -8,6 +8,16 @@ uint64_t CounterValue(uint64_t sample_index, uint64_t field_index) {
   return (sample_index + 1) * 1000003ull + field_index * 7919ull + (field_index << 40);
 }
 
+uint64_t BurstExtra(uint64_t sample_index, uint64_t field_index, uint64_t period_samples,
+                    uint64_t length_samples) {
+  if (period_samples == 0) return 0;
+  // Burst samples among 0..sample_index, less sample 0 (a burst sample too):
+  // a value grows by what the samples after the first added.
+  const uint64_t n = sample_index + 1;
+  const uint64_t bursts = n / period_samples * length_samples + std::min(n % period_samples, length_samples);
+  return (bursts - 1) * (field_index % 4 + 1) * 1000003ull;
+}
+
 CounterLayout::CounterLayout(const SimConfig& config) {
   const std::vector<std::string> interfaces = config.InterfaceNames();
   // Without classes every counter is per interface only: one empty class.

@@ -18,6 +18,14 @@ namespace dtl::hftsim {
 // counter templates (0 = the first counter of template 300).
 uint64_t CounterValue(uint64_t sample_index, uint64_t field_index);
 
+// What microbursts add to that value: in every period of period_samples
+// samples the first length_samples are burst samples, and each burst sample
+// after sample 0 adds (field_index % 4 + 1) * 1000003 more, so during a burst
+// counter k grows k % 4 + 2 times as fast as between bursts. 0 without bursts
+// (period_samples 0).
+uint64_t BurstExtra(uint64_t sample_index, uint64_t field_index, uint64_t period_samples,
+                    uint64_t length_samples);
+
 // One exported counter, in field order.
 struct CounterInfo {
   uint16_t element_id = 0;      // counter field element ID, distinct per counter

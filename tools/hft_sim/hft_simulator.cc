@@ -41,6 +41,10 @@ HftSimulator::HftSimulator(SimConfig config)
       injector_(config_.loss_probability, config_.loss_every, config_.reorder_probability, config_.seed),
       exporters_(config_.exporters, ExporterState(config_.sequence_mode)) {
   start_time_ns_ = config_.start_time_ns >= 0 ? static_cast<uint64_t>(config_.start_time_ns) : ClockNs(CLOCK_REALTIME);
+  if (config_.burst_period_us != 0) {
+    burst_period_samples_ = config_.burst_period_us / config_.sample_interval_us;
+    burst_length_samples_ = config_.burst_length_us / config_.sample_interval_us;
+  }
 }
 
 uint64_t HftSimulator::SampleTimeNs(uint64_t sample_index) const {
@@ -101,7 +105,8 @@ void HftSimulator::PutCounterRecord(IpfixMessageBuilder& builder, size_t templat
     builder.PutU32(static_cast<uint32_t>(time_ns / 1'000'000'000ull));
     builder.PutU32(static_cast<uint32_t>(time_ns % 1'000'000'000ull));
   }
-  for (size_t i = 0; i < info.counter_count; ++i) builder.PutU64(CounterValue(sample_index, info.first_counter + i) + config_.value_base);
+  for (size_t i = 0; i < info.counter_count; ++i) builder.PutU64(CounterValue(sample_index, info.first_counter + i) + config_.value_base +
+                   BurstExtra(sample_index, info.first_counter + i, burst_period_samples_, burst_length_samples_));
   builder.EndSet();
   ++fragments_produced_;
 }

@@ -192,6 +192,9 @@ class HftSimulator {
   DescriptiveRecords descriptions_;
   FragmentInjector injector_;
   uint64_t start_time_ns_ = 0;
+  // Microbursts in samples (see BurstExtra); 0 without.
+  uint64_t burst_period_samples_ = 0;
+  uint64_t burst_length_samples_ = 0;
   std::vector<ExporterState> exporters_;
   IpfixMessageBuilder builder_;
   std::vector<size_t> order_;

@@ -107,6 +107,11 @@ std::string SimConfig::Validate() const {
            " templates; at most 32 (raise counters per template)";
   }
   if (sample_interval_us == 0) return "sample interval must be at least 1 microsecond";
+  if (burst_period_us != 0 &&
+      (burst_length_us == 0 || burst_length_us >= burst_period_us || burst_period_us % sample_interval_us != 0 ||
+       burst_length_us % sample_interval_us != 0)) {
+    return "a burst needs 0 < length < period, both multiples of the sample interval";
+  }
   if (!std::isfinite(rate) || rate < 0) return "rate must be 0 or a positive number";
   if (!std::isfinite(duration_sec) || duration_sec < 0) return "duration must be 0 or a positive number";
   if (!std::isfinite(announce_period_sec) || announce_period_sec < 0) {

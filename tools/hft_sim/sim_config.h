@@ -61,6 +61,10 @@ struct SimConfig {
   // Added to every counter value (modulo 2^64): a base close to 2^64 makes
   // the counters wrap during a run.
   uint64_t value_base = 0;
+  // Microbursts: in the first burst_length_us of every burst_period_us of
+  // sample time the counters grow faster (see BurstExtra); 0 = none.
+  uint64_t burst_period_us = 0;
+  uint64_t burst_length_us = 0;
   // Samples per second per exporter; 0 sends as fast as possible.
   double rate = 0;
   // Stop after this many samples per exporter (0 = no limit) or this many

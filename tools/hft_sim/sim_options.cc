@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 namespace dtl::hftsim {
@@ -31,6 +32,7 @@ enum LongOnly : int {
   kFragmentsPerMessage,
   kWithdrawAt,
   kValueBase,
+  kBurst,
 };
 
 const option kOptions[] = {
@@ -62,6 +64,7 @@ const option kOptions[] = {
     {"fragments-per-message", required_argument, nullptr, kFragmentsPerMessage},
     {"withdraw-at", required_argument, nullptr, kWithdrawAt},
     {"value-base", required_argument, nullptr, kValueBase},
+    {"burst", required_argument, nullptr, kBurst},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -145,6 +148,12 @@ bool Apply(int code, const char* arg, SimConfig& config) {
       return ParseInto(arg, config.sample_interval_us);
     case kValueBase:
       return ParseInto(arg, config.value_base);
+    case kBurst: {
+      const char* colon = std::strchr(arg, ':');
+      if (colon == nullptr) return false;
+      const std::string period(arg, colon);
+      return ParseInto(period.c_str(), config.burst_period_us) && ParseInto(colon + 1, config.burst_length_us);
+    }
     case 'r':
       return ParseNonNegative(arg, config.rate);
     case 's':
@@ -351,6 +360,12 @@ so a receiver can check every stored value. B is 0 unless given:
       --value-base B            add B to every value, modulo 2^64 (e.g.
                                 18446744072709551616, 2^64 - 10^9, makes the
                                 first counter wrap after sample 998)
+      --burst PERIOD_US:LENGTH_US
+                                microbursts: the first LENGTH_US of every
+                                PERIOD_US of sample time are burst samples,
+                                each adding (k % 4 + 1) * 1000003 more to
+                                counter k (k % 4 + 2 times the usual growth);
+                                both multiples of the sample interval
 
 Prints a one-line summary of what was sent when done or stopped.
 Exit status: 0 ok, 1 runtime error (e.g. the target cannot be resolved),
