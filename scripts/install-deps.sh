@@ -7,8 +7,12 @@
 # what the aarch64 cross build and its emulated tests need: the cross
 # compiler, qemu user-mode emulation and the arm64 multiarch -dev packages.
 #
-# With --demo it leaves out what only the fuzzing and the benchmarks need
-# (clang, Google Benchmark), so that the demo is quick to set up.
+# With --demo it leaves out what only the fuzzing, the benchmarks and the
+# cluster tests need (clang, Google Benchmark, dask), so that the demo is
+# quick to set up.
+#
+# The Python package and dtl-plot use Debian's numpy, pandas and matplotlib
+# (and dask for analysis on a cluster), run by Debian's /usr/bin/python3.
 #
 # With --bench it also installs what only the end-to-end benchmark needs:
 # nfdump, whose nfcapd is the reference collector it is compared with.
@@ -29,9 +33,10 @@ packages=(
   nlohmann-json3-dev liburing-dev libcurl4-openssl-dev libssl-dev openssl
   googletest libgtest-dev libgmock-dev
   python3 curl ca-certificates
+  python3-numpy python3-pandas python3-matplotlib
 )
 if [[ "$demo" == 0 ]]; then
-  packages+=(libbenchmark-dev clang libclang-rt-14-dev)
+  packages+=(libbenchmark-dev clang libclang-rt-14-dev python3-dask python3-distributed)
 fi
 if [[ "$arm64" == 1 ]]; then
   # nlohmann-json3-dev is architecture independent: the host's copy serves.
