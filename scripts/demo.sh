@@ -3,14 +3,15 @@
 # stand-in switch (quil-mock) on loopback, runs the collector in dtl-host
 # for about ten seconds against it, and shows what happened: the switch
 # configured over HTTPS and cleaned up again, the IPFIX it streamed, the
-# sessions the collector decoded, and a summary of the data it stored.
+# sessions the collector decoded, a summary of the data it stored, and a
+# picture of it: the counters' rates over time, microbursts included.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${DEMO_SECONDS:-10}
 
-# Only what the demo runs is built: the plug-in and the three programs.
+# Only what the demo runs is built: the plug-in and the programs.
 scripts/install-deps.sh --demo
-BUILD_TARGETS="ipfix_bin_data_provider dtl-host dtl-read hft-sim" scripts/build.sh
+BUILD_TARGETS="ipfix_bin_data_provider dtl-host dtl-read dtl-ls hft-sim dtl-plot" scripts/build.sh
 
 work=$(mktemp -d /tmp/ipfix-demo.XXXXXX)
 mock_pid=""
@@ -25,7 +26,7 @@ ipfix_port=$(python3 -c 'import socket; s=socket.socket(socket.AF_INET6, socket.
 echo "== starting the stand-in switch (quil-mock)"
 python3 tools/quil_mock/quil_mock.py --port 0 --port-file "$work/switch.port" \
   --journal "$work/journal.jsonl" --ipfix-port "$ipfix_port" --switch-name demo-leaf-1 \
-  --sim-rate 2000 --switch-interfaces Ethernet1_1,Ethernet1_2,Ethernet1_3,Ethernet1_4 >"$work/switch.log" 2>&1 &
+  --sim-rate 2000 --hft-sim-arg=--burst --hft-sim-arg=250000:5000 --switch-interfaces Ethernet1_1,Ethernet1_2,Ethernet1_3,Ethernet1_4 >"$work/switch.log" 2>&1 &
 mock_pid=$!
 for _ in $(seq 100); do [[ -s "$work/switch.port" ]] && break; sleep 0.1; done
 [[ -s "$work/switch.port" ]] || { cat "$work/switch.log"; echo "the stand-in switch did not start"; exit 1; }
@@ -67,8 +68,17 @@ echo
 echo "== stored data under $work/data"
 find "$work/data" -type f | sort | sed "s|^$work/data/|   |"
 mapfile -t files < <(find "$work/data" -name '*.bin' | sort)
-if ((${#files[@]} > 0)); then
-  build/bin/dtl-read --summary "${files[@]}"
-else
+if ((${#files[@]} == 0)); then
   echo "no data files were stored"
+  exit 1
 fi
+build/bin/dtl-ls "$work/data"
+echo
+build/bin/dtl-read --summary "${files[@]}"
+
+# The switch's traffic has a 5 ms microburst every 250 ms of sample time, in
+# which its counters grow 2 to 5 times as fast; the picture shows them.
+echo
+echo "== the rates of Ethernet1_1's byte counters, drawn by dtl-plot"
+build/bin/dtl-plot --counters 'Ethernet1_1:.*-byte' -o "$work/rates.png" "$work/data"
+echo "   picture: $work/rates.png"

@@ -44,14 +44,15 @@ mount)::
         per_second = rates.resample("1s").mean()   # divisions are known: no shuffle
         return client.compute(per_second.max(), sync=True)
 
-    # On one machine:
-    with LocalCluster(n_workers=4, threads_per_worker=1) as cluster, Client(cluster) as client:
-        print(busiest_second(client))
+    if __name__ == "__main__":  # local worker processes import the script
+        # On one machine:
+        with LocalCluster(n_workers=4, threads_per_worker=1) as cluster, Client(cluster) as client:
+            print(busiest_second(client))
 
-    # On a cluster (started with `dask scheduler` and `dask worker tcp://head:8786`
-    # on hosts that mount the data root at /data/dtl, with this package installed):
-    with Client("tcp://head:8786") as client:
-        print(busiest_second(client))
+        # On a cluster (started with `dask scheduler` and `dask worker tcp://head:8786`
+        # on hosts that mount the data root at /data/dtl, with this package installed):
+        with Client("tcp://head:8786") as client:
+            print(busiest_second(client))
 
 dtl_data.cluster.files_frame takes a list of file paths (or a switch view)
 instead; both take the same from_, to and counters as the numpy methods.

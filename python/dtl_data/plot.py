@@ -131,7 +131,9 @@ def plot_rates(sources, switch=None, from_=None, to=None, counters=None, size=DE
     for column in columns:
         ax.plot(x, rates[column].to_numpy(), label=column, linewidth=1)
     units = sorted({rate_unit(by_column[c]) for c in columns})
-    ax.yaxis.set_major_formatter(EngFormatter(unit=units[0] if len(units) == 1 else ""))
+    # Ticks read "50 GB/s"; the axis label spells the unit out.
+    tick_unit = {"bytes/s": "B/s"}.get(units[0], units[0]) if len(units) == 1 else ""
+    ax.yaxis.set_major_formatter(EngFormatter(unit=tick_unit))
     words = ["per second" if u == "/s" else u for u in units]
     ax.set_ylabel(words[0] if len(words) == 1 else "rate (" + ", ".join(words) + ")")
     ax.set_xlabel(f"time ({unit} since {iso(start_us)}, UTC)")
