@@ -1,6 +1,6 @@
 // dtl-host run as a program with the built plug-in: usage errors, runs
-// ended by the duration or a signal, starts it refuses, and stand-in
-// switches that refuse or hang while it starts or stops.
+// ended by the duration or a signal, starts it refuses, stand-in switches
+// that refuse or hang while it starts or stops, and where it finds the plug-in.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -113,8 +113,8 @@ std::unique_ptr<QuilMock> StartSwitch(std::vector<std::string> faults = {}) {
   options.faults = std::move(faults);
   return std::make_unique<QuilMock>(options);
 }
-std::vector<std::string> SwitchArgs(const std::vector<const QuilMock*>& switches) {
-  std::vector<std::string> args = {"-o", "ipfix-receiver-port=" + std::to_string(FreeUdpPort()), "-o",
+std::vector<std::string> SwitchArgs(const std::vector<const QuilMock*>& switches, uint16_t port = FreeUdpPort()) {
+  std::vector<std::string> args = {"-o", "ipfix-receiver-port=" + std::to_string(port), "-o",
                                    "ipfix-receiver-workers=1", "-o", "collector-ip=127.0.0.1", "-o",
                                    "switch-interfaces=Ethernet1_1"};
   for (size_t i = 0; i < switches.size(); ++i) {
@@ -152,21 +152,49 @@ TEST_F(DtlHost, StopFailsWhileASwitchStillStreams) {
   EXPECT_TRUE(Withdrawn(*healthy));
 }
 
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
 TEST_F(DtlHost, FirstSignalCutsAHungStartShort) {
-  auto first = StartSwitch();
-  auto hung = StartSwitch({"1:GET ^/quil_v1/interface$ hang"});
-  auto third = StartSwitch();
-  ASSERT_TRUE(first->ok() && hung->ok() && third->ok());
-  Start(SwitchArgs({first.get(), hung.get(), third.get()}));
-  ASSERT_TRUE(WaitForHungRequest(*hung)) << Err();
-  const auto signalled = Clock::now();
-  host_->Signal(SIGINT);
-  EXPECT_EQ(Wait(), 1) << Err();
-  EXPECT_LT(MsSince(signalled), 5000);
-  EXPECT_NE(Err().find("failed to configure switch 2: interrupted"), std::string::npos) << Err();
-  EXPECT_NE(Err().find("dtl-host: the provider failed to start (interrupted)"), std::string::npos);
-  EXPECT_TRUE(Withdrawn(*first));
-  EXPECT_TRUE(third->Journal().empty());
+  for (const int signo : kStopSignals) {
+    SCOPED_TRACE(strsignal(signo));
+    auto first = StartSwitch();
+    auto hung = StartSwitch({"1:GET ^/quil_v1/interface$ hang"});
+    auto third = StartSwitch();
+    ASSERT_TRUE(first->ok() && hung->ok() && third->ok());
+    Start(SwitchArgs({first.get(), hung.get(), third.get()}));
+    ASSERT_TRUE(WaitForHungRequest(*hung)) << Err();
+    const auto signalled = Clock::now();
+    host_->Signal(signo);
+    EXPECT_EQ(Wait(), 1) << Err();
+    EXPECT_LT(MsSince(signalled), 5000);
+    EXPECT_NE(Err().find("failed to configure switch 2: interrupted"), std::string::npos) << Err();
+    EXPECT_NE(Err().find("dtl-host: the provider failed to start (interrupted)"), std::string::npos);
+    EXPECT_TRUE(Withdrawn(*first));
+    EXPECT_TRUE(third->Journal().empty());
+  }
+}
+
+// Any stop signal while running runs the whole stop: the switch loses our
+// destination, the data file is closed and counted, and the status is 0.
+TEST_F(DtlHost, StopSignalWhileRunningStopsCleanly) {
+  for (const int signo : kStopSignals) {
+    SCOPED_TRACE(strsignal(signo));
+    const uint16_t port = FreeUdpPort();
+    QuilMock::Options streaming;
+    streaming.ipfix_port = port;
+    QuilMock mock(streaming);
+    ASSERT_TRUE(mock.ok());
+    std::vector<std::string> args = SwitchArgs({&mock}, port);
+    args.insert(args.end(), {"-o", "ipfix-data-path=" + dir_ + "/data" + std::to_string(signo), "-o",
+                             "ipfix-status-interval-sec=1"});
+    Start(args);
+    ASSERT_TRUE(dtl_test::WaitForText(dir_ + "/err", "collector: 1 session(s) open", seconds(30))) << Err();
+    host_->Signal(signo);
+    EXPECT_EQ(Wait(), 0) << Err();
+    EXPECT_TRUE(Withdrawn(mock));
+    EXPECT_NE(Out().find("dtl-host: done: 1 session(s); "), std::string::npos) << Out();
+    EXPECT_NE(Out().find("; 1 data file(s) written"), std::string::npos) << Out();
+  }
 }
 
 TEST_F(DtlHost, SecondSignalExitsAtOnce) {
@@ -179,6 +207,39 @@ TEST_F(DtlHost, SecondSignalExitsAtOnce) {
   host_->Signal(SIGTERM);
   EXPECT_EQ(Wait(seconds(10)), 128 + SIGTERM);
   EXPECT_NE(Err().find("dtl-host: second signal"), std::string::npos) << Err();
+}
+
+// A copy of the program without ../lib beside it, as installed, loads the
+// plug-in from the libdir its --help names; with ../lib it takes that one.
+TEST_F(DtlHost, PluginBesideTheProgramElseFromTheLibdir) {
+  Start({"--help"});
+  ASSERT_EQ(Wait(), 0);
+  const std::string help = Out(), head = "else the installed one:";
+  const size_t at = help.find(head);
+  ASSERT_NE(at, std::string::npos) << help;
+  const size_t from = help.find_first_not_of(" \n", at + head.size());
+  const std::string installed = help.substr(from, help.find(')', from) - from);
+  const std::string plugin = "/libipfix_bin_data_provider.so";
+  ASSERT_TRUE(installed.starts_with("/") && installed.ends_with(plugin)) << installed;
+  const std::string copy = dir_ + "/bin/dtl-host", beside = dir_ + "/bin/../lib" + plugin;
+  std::filesystem::create_directories(dir_ + "/bin");
+  std::filesystem::copy_file(DTL_BINARY_DIR "/bin/dtl-host", copy);
+  for (const bool linked : {true, false}) {
+    SCOPED_TRACE(linked ? "../lib present" : "../lib absent");
+    std::filesystem::remove_all(dir_ + "/lib");
+    if (linked) {
+      std::filesystem::create_directories(dir_ + "/lib");
+      std::filesystem::create_symlink(DTL_BINARY_DIR "/lib" + plugin, dir_ + "/lib" + plugin);
+    }
+    host_ = std::make_unique<dtl_test::ChildProcess>(
+        std::vector<std::string>{copy, "-o", "ipfix-receiver-port=" + std::to_string(FreeUdpPort()), "--duration",
+                                 "0.1"},
+        dir_ + "/out", dir_ + "/err");
+    EXPECT_NE(Wait(), -1);
+    const std::string log = Out() + Err();
+    // Installed or not, the libdir's plug-in is the one tried ("loaded" or "cannot load").
+    EXPECT_NE(log.find(linked ? "dtl-host: loaded " + beside : " " + installed), std::string::npos) << log;
+  }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // provider plug-in with dlopen, hands it an option dictionary, drives it
 // through construct, initialize, start, stop and destroy, and runs until a
 // signal, a given duration or the provider's own auto-stop timeout.
+// Installed, it runs as a system service (packaging/systemd/dtl-host.service).
 #include <dlfcn.h>
 #include <limits.h>
 #include <signal.h>
@@ -33,19 +34,27 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 constexpr const char* kPluginFileName = "libipfix_bin_data_provider.so";
+// Where an installation puts the plug-in: the multiarch libdir of the build's
+// install prefix (tools/CMakeLists.txt).
+#ifndef DTL_INSTALL_LIBDIR
+#define DTL_INSTALL_LIBDIR "/usr/lib"
+#endif
+constexpr const char* kInstalledPluginDir = DTL_INSTALL_LIBDIR;
 
 void PrintHelp(FILE* out) {
   fprintf(out,
           "Usage: dtl-host [--plugin PATH] [-o KEY=VALUE]... [--duration SECONDS]\n"
           "\n"
           "Loads an event-provider plug-in like the collection framework's host does,\n"
-          "starts it and keeps it running until SIGINT/SIGTERM, until --duration has\n"
-          "passed, or until the provider's auto-stop timeout (the longest switch HFT\n"
+          "starts it and keeps it running until SIGINT/SIGTERM/SIGHUP, until --duration\n"
+          "has passed, or until the provider's auto-stop timeout (the longest switch HFT\n"
           "duration + 5 s) has passed, whichever comes first; then stops and destroys it.\n"
           "\n"
           "Options:\n"
           "  --plugin PATH        plug-in to load (default: ../lib/%s\n"
-          "                       next to this program)\n"
+          "                       next to this program when it exists, as in the build\n"
+          "                       tree, else the installed one:\n"
+          "                       %s/%s)\n"
           "  -o, --option K=V     put option K with value V into the provider's option\n"
           "                       dictionary (may be repeated; a later K replaces an earlier)\n"
           "  --duration SECONDS   stop after this many seconds (decimals allowed, > 0)\n"
@@ -80,15 +89,18 @@ void PrintHelp(FILE* out) {
           "\n"
           "Logging: DTL_API_LOG_LEVEL=3|4|6|7 (error, warning, info, debug; default 6).\n"
           "\n"
-          "Signals: the first SIGINT/SIGTERM stops the provider, also while it starts\n"
-          "(the switch request in flight is cut short and the switches configured so far\n"
-          "are restored); a second one exits at once, leaving the switches as they are.\n"
+          "Signals: the first SIGINT, SIGTERM or SIGHUP stops the provider. While it runs,\n"
+          "that is the whole stop: the switches are restored, the data files closed, the\n"
+          "final status printed, and the exit status is 0. While it starts, the switch\n"
+          "request in flight is cut short and the switches configured so far are restored\n"
+          "(exit status 1). A second signal exits at once, leaving the switches as they\n"
+          "are. SIGHUP does not reload: the options are read once, at start.\n"
           "\n"
           "Exit status: 0 after a clean stop, 1 when the plug-in cannot be loaded or the\n"
           "provider fails to construct, initialize, start or stop (a switch that could\n"
           "not be restored included), 2 on a usage error, 128 + the signal number when a\n"
           "second signal ended it.\n",
-          kPluginFileName);
+          kPluginFileName, kInstalledPluginDir, kPluginFileName);
 }
 
 struct HostArgs {
@@ -143,14 +155,17 @@ bool ParseArgs(int argc, char** argv, HostArgs& args) {
   return true;
 }
 
-// ../lib/<plug-in> relative to this executable.
+// ../lib/<plug-in> relative to this executable when it exists (the build
+// tree), else the installed plug-in in the libdir.
 std::string DefaultPluginPath() {
+  const std::string installed = std::string(kInstalledPluginDir) + "/" + kPluginFileName;
   char exe[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-  if (length <= 0) return std::string("../lib/") + kPluginFileName;
+  if (length <= 0) return installed;
   std::string dir(exe, static_cast<size_t>(length));
   dir.erase(dir.find_last_of('/') == std::string::npos ? 0 : dir.find_last_of('/'));
-  return dir + "/../lib/" + kPluginFileName;
+  const std::string beside = dir + "/../lib/" + kPluginFileName;
+  return access(beside.c_str(), F_OK) == 0 ? beside : installed;
 }
 
 // The plug-in's functions the host calls, all looked up by name.
@@ -233,7 +248,7 @@ std::optional<uint32_t> AutoStopTimeout(dtl_event_provider_t* provider) {
   return info.auto_stop_timeout_sec;
 }
 
-// What the signal thread tells the main thread: the first SIGINT/SIGTERM.
+// What the signal thread tells the main thread: the first stop signal.
 class StopSignal {
  public:
   void Raise(int signo) {
@@ -267,8 +282,8 @@ class StopSignal {
 };
 
 // Runs for the whole life of the process on its own thread, the only one
-// that takes SIGINT and SIGTERM. The first asks for a stop and cuts short a
-// switch being configured; the second ends the process at once.
+// that takes SIGINT, SIGTERM and SIGHUP. The first asks for a stop and cuts
+// short a switch being configured; the second ends the process at once.
 void WatchSignals(sigset_t signals, StopSignal* stop, void (*interrupt_switch_enables)()) {
   for (int count = 0;;) {
     int signo = 0;
@@ -315,6 +330,8 @@ int Run(const HostArgs& args) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  // A closed terminal or ssh session must not leave the switches exporting.
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   // The framework logger reads its level when first used.
