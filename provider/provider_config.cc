@@ -21,8 +21,8 @@ const std::string kEnvPrefix = "DTL_";
 // Most receive workers one collector may run; each holds 16 MiB of slots.
 constexpr uint64_t kMaxWorkers = 1024;
 
-// The suffixes of the per-switch keys: switch-N-<suffix>, and switch-<suffix>
-// for the single switch and the global defaults.
+}  // namespace
+
 const std::vector<std::string>& SwitchKeySuffixes() {
   static const std::vector<std::string> suffixes = {
       "ip",           "port",       "username", "password",        "insecure",
@@ -31,7 +31,6 @@ const std::vector<std::string>& SwitchKeySuffixes() {
   return suffixes;
 }
 
-// Every key outside the numbered switch keys that this provider reads.
 const std::vector<std::string>& FixedKeys() {
   static const std::vector<std::string> keys = [] {
     std::vector<std::string> list = {
@@ -63,6 +62,8 @@ const std::vector<std::string>& FixedKeys() {
   return keys;
 }
 
+namespace {
+
 // The key families this provider owns; only their unknown keys are
 // reported, as the host's dictionary also carries other providers' options.
 bool InProviderFamily(const std::string& key) {
@@ -86,6 +87,8 @@ bool SplitNumberedSwitchKey(const std::string& key, unsigned long& number, std::
   return true;
 }
 
+}  // namespace
+
 bool IsKnownKey(const std::string& key) {
   for (const std::string& known : FixedKeys())
     if (key == known) return true;
@@ -98,6 +101,8 @@ bool IsKnownKey(const std::string& key) {
     if (suffix == known) return true;
   return false;
 }
+
+namespace {
 
 // The known key nearest to key in edit distance; a numbered switch key is
 // also compared with the keys of the same switch number.

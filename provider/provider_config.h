@@ -49,6 +49,17 @@ struct SwitchDefaults {
 // where a size is meant) or lies outside its range. An empty value means
 // the default.
 
+// The suffixes of the per-switch keys: switch-N-<suffix>, and switch-<suffix>
+// for the single switch and the global defaults.
+const std::vector<std::string>& SwitchKeySuffixes();
+
+// Every key outside the numbered switch keys that this provider reads
+// (switch-<suffix> included); the service's environment file documents each.
+const std::vector<std::string>& FixedKeys();
+
+// Whether a reader looks at key: one of FixedKeys() or switch-N-<suffix>.
+bool IsKnownKey(const std::string& key);
+
 // One warning line for each key of this provider's families (ipfix-*,
 // switch-*, collector-*), in the dictionary or as a DTL_ environment
 // variable, that no reader would look at, naming the nearest known key.

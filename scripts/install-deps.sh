@@ -14,6 +14,11 @@
 # The Python package and dtl-plot use Debian's numpy, pandas and matplotlib
 # (and dask for analysis on a cluster), run by Debian's /usr/bin/python3.
 #
+# Unless --demo is given (or whenever --package is), it installs what
+# building and checking the Debian package needs: dpkg-dev (dpkg-shlibdeps,
+# dpkg-buildflags), lintian, debootstrap for the install test in a clean
+# Debian root, and help2man for the manual pages.
+#
 # With --bench it also installs what only the end-to-end benchmark needs:
 # nfdump, whose nfcapd is the reference collector it is compared with.
 set -euo pipefail
@@ -21,10 +26,12 @@ set -euo pipefail
 arm64=${ARM64:-0}
 bench=0
 demo=0
+package=0
 for arg in "$@"; do
   [[ "$arg" == "--demo" ]] && demo=1
   [[ "$arg" == "--arm64" ]] && arm64=1
   [[ "$arg" == "--bench" ]] && bench=1
+  [[ "$arg" == "--package" ]] && package=1
 done
 
 packages=(
@@ -46,6 +53,10 @@ if [[ "$arm64" == 1 ]]; then
     libboost-date-time-dev:arm64 liburing-dev:arm64 libcurl4-openssl-dev:arm64
     libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
   )
+fi
+
+if [[ "$demo" == 0 || "$package" == 1 ]]; then
+  packages+=(dpkg-dev binutils lintian debootstrap help2man bash-completion)
 fi
 
 if [[ "$bench" == 1 ]]; then

@@ -2,8 +2,9 @@
 # The project's test command: installs what is missing, builds, runs the whole
 # test suite, then runs it again in an AddressSanitizer + UndefinedBehaviour
 # sanitizer build, the multi-threaded parts under ThreadSanitizer, fuzzes the
-# receive path and, with ARM64=1, runs the aarch64 cross build's unit tests
-# under emulation. Exits non-zero on any failure.
+# receive path, builds the Debian package and tests it in a clean Debian
+# root and, with ARM64=1, runs the aarch64 cross build's unit tests under
+# emulation and builds the arm64 package. Exits non-zero on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
@@ -65,6 +66,16 @@ fuzz_more() {
 fuzz_more data_file_fuzz data_file_seeds
 fuzz_more switch_answer_fuzz switch_answer_seeds
 
+# The Debian package, from its own build folder (prefix /usr, tests off:
+# build/ is configured for a /usr/local layout), checked by lintian (an error
+# fails the run) and installed with apt into a clean Debian 12 root, where
+# the installed programs collect, read and draw a burst of samples.
+echo "== package: build, lintian, install into a clean root"
+package_start=$SECONDS
+scripts/build-deb.sh
+scripts/package-test.sh
+echo "== package stage took $((SECONDS - package_start)) s"
+
 # With ARM64=1: the product's target architecture. Cross-builds the suites
 # that need no io_uring, sockets or threads of the host kernel for aarch64
 # (build-arm64/, kept between runs) and runs them under qemu user-mode
@@ -76,4 +87,9 @@ if [[ "${ARM64:-0}" == 1 ]]; then
   ctest --test-dir build-arm64 -L emulated -j "$jobs" --output-on-failure --timeout 300
   ctest --test-dir build-arm64 -L emulated -R '^BswapTest\.EveryImplementationReversesEachWord' -V | grep -o 'byte-swap implementation: .*'
   echo "== aarch64 stage took $((SECONDS - arm64_start)) s"
+
+  echo "== package: arm64 .deb (cross build), lintian"
+  arm64_package_start=$SECONDS
+  scripts/build-deb.sh --arm64
+  echo "== arm64 package stage took $((SECONDS - arm64_package_start)) s"
 fi
