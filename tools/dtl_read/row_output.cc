@@ -70,14 +70,18 @@ char* RowOutput::AppendTime(char* p, uint64_t timestamp_us) const {
   return layout_.iso_time ? AppendIsoTime(p, timestamp_us) : AppendUnsigned(p, timestamp_us);
 }
 
+char* RowOutput::AppendCsvStart(char* p, uint64_t timestamp_us) const {
+  if (layout_.source) {
+    p = Copy(p, source_text_);
+    *p++ = ',';
+  }
+  return AppendTime(p, timestamp_us);
+}
+
 void RowOutput::AppendRow(OutputBuffer& out, uint64_t timestamp_us, const uint8_t* values) const {
   char* p = out.Reserve(row_bound_);
   if (!layout_.json) {
-    if (layout_.source) {
-      p = Copy(p, source_text_);
-      *p++ = ',';
-    }
-    p = AppendTime(p, timestamp_us);
+    p = AppendCsvStart(p, timestamp_us);
     for (size_t i = 0; i < columns_.size(); ++i) {
       *p++ = ',';
       p = AppendCsvValue(p, kinds_[i], columns_[i], values);
@@ -141,11 +145,7 @@ char* RowOutput::AppendJsonCell(OutputBuffer& out, char* p, int cell, uint64_t t
 void RowOutput::AppendRates(OutputBuffer& out, uint64_t timestamp_us, const double* rates) const {
   char* p = out.Reserve(row_bound_);
   if (!layout_.json) {
-    if (layout_.source) {
-      p = Copy(p, source_text_);
-      *p++ = ',';
-    }
-    p = AppendTime(p, timestamp_us);
+    p = AppendCsvStart(p, timestamp_us);
     for (size_t i = 0; i < columns_.size(); ++i) {
       *p++ = ',';
       if (!std::isnan(rates[i])) p = AppendShortest(p, rates[i]);

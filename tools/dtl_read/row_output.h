@@ -49,6 +49,8 @@ class RowOutput {
   static constexpr int kSourceCell = -2, kTimeCell = -1;
 
   char* AppendTime(char* p, uint64_t timestamp_us) const;
+  // A CSV row's first cells: the source when asked for, then the time.
+  char* AppendCsvStart(char* p, uint64_t timestamp_us) const;
   char* AppendJsonCell(OutputBuffer& out, char* p, int cell, uint64_t timestamp_us, const uint8_t* values) const;
   char* AppendJsonRate(char* p, double rate) const;
 
