@@ -14,10 +14,10 @@ import dask.dataframe as dd
 import pandas as pd
 
 from . import rates as _rates
-from .datafile import DataFile, gather
+from .datafile import DataFile
 from .frame import empty_frame, rows_frame
 from .layout import DataFileError
-from .root import DataRoot, SwitchView, sequence_rates
+from .root import DataRoot, SwitchView, rated_selection, sequence_rates
 
 
 def _read_rows(path, from_, to, counters, schema_dir):
@@ -32,10 +32,8 @@ def _read_rates(path, before, from_, to, counters, schema_dir):
     previous = None
     if before is not None:
         f = DataFile(before, schema_dir)
-        rated = _rates.rated_counters(f.select_counters(counters))
-        fields = ["timestamp_us"] + [c.column for c in rated]
-        rows = gather(f.select(from_, to, counters), slice(None), fields)
-        previous = (tuple((c.column, c.rate_kind) for c in rated), _rates.last_kept(rows))
+        _rated, key, rows = rated_selection(f.select(from_, to, counters), f.select_counters(counters))
+        previous = (key, _rates.last_kept(rows))
     f = DataFile(path, schema_dir)
     runs = sequence_rates([(f, f.select(from_, to, counters), f.select_counters(counters))], previous)
     return rows_frame(runs[0])

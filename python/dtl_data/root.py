@@ -85,6 +85,15 @@ class SwitchView:
         return _concat_frames([rows_frame(r) for r in self.rate_runs(from_, to, counters)])
 
 
+def rated_selection(rows, counters):
+    """The rated counters of a selection, the key that tells whether two
+    selections share a run of rates (the same rated columns), and the rows'
+    timestamp and rated fields."""
+    rated = _rates.rated_counters(counters)
+    key = tuple((c.column, c.rate_kind) for c in rated)
+    return rated, key, gather(rows, slice(None), ["timestamp_us"] + [c.column for c in rated])
+
+
 def sequence_rates(selections, previous=None) -> list:
     """Rates of consecutive selections [(file, rows, counters)], one array per run.
 
@@ -93,10 +102,7 @@ def sequence_rates(selections, previous=None) -> list:
     if previous is not None:
         key, last = previous
     for _f, rows, counters in selections:
-        rated = _rates.rated_counters(counters)
-        this_key = tuple((c.column, c.rate_kind) for c in rated)
-        fields = ["timestamp_us"] + [c.column for c in rated]
-        rated_rows = gather(rows, slice(None), fields)
+        rated, this_key, rated_rows = rated_selection(rows, counters)
         if this_key != key:
             key, last = this_key, None
             runs.append([])

@@ -61,8 +61,7 @@ class DataFileReader {
   // tail (a crash before the data reached the disk), which adds a warning.
   // A block without the "DTLD" magic is kError with the reason in error.
   Result ReadNext(std::string* error);
-  // The block read last: index from 0, its time and its whole bytes.
-  uint64_t block_index() const { return next_block_ - 1; }
+  // The block read last: its time and its whole bytes.
   uint64_t timestamp_us() const;
   const uint8_t* block() const { return current_; }
 
